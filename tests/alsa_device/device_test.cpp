@@ -1,0 +1,82 @@
+// Opening and closing the PCM device directly: rates, busy and missing devices, reopening.
+#include <cerrno>
+
+#include "output_fixture.h"
+
+namespace {
+
+class DeviceTest : public OutputTest {};
+
+TEST_F(DeviceTest, RateRules) {
+    ae_test::LogCapture log;
+    ASSERT_EQ(open_alsa(-1), 1);
+    EXPECT_EQ(vcard_count_events("open 44100"), 1) << "a negative rate means 44100 Hz";
+    EXPECT_EQ(is_alsa_opened(), 1);
+
+    ASSERT_EQ(open_alsa(96000), 1);
+    EXPECT_EQ(vcard_count_events("open 96000"), 1);
+    EXPECT_EQ(log.count("close alsa in open alsa"), 1) << "the open device was closed first";
+
+    EXPECT_EQ(open_alsa(96001), 0);
+    EXPECT_EQ(log.count("Can`t play! Bad sample rate = 96001"), 1);
+    EXPECT_EQ(is_alsa_opened(), 0);
+    EXPECT_EQ(vcard_is_open(), 0) << "the refused open leaves no handle behind";
+}
+
+TEST_F(DeviceTest, CloseDrainsOrDropsAndIsANoOpWhenClosed) {
+    ae_test::LogCapture log;
+    EXPECT_EQ(close_alsa(), 0);
+    EXPECT_EQ(close_alsa_ex(0), 0);
+    EXPECT_EQ(log.lines().size(), 0u) << "closing a closed device logs nothing";
+
+    ASSERT_EQ(open_alsa_ex("mpd_sm", 44100), 1);
+    EXPECT_EQ(close_alsa(), 1);
+    EXPECT_EQ(vcard_count_events("drain"), 1);
+    ASSERT_EQ(open_alsa_ex("mpd_sm", 44100), 1);
+    EXPECT_EQ(close_alsa_ex(0), 1);
+    EXPECT_EQ(vcard_count_events("drop"), 1);
+    EXPECT_EQ(vcard_count_events("close"), 2);
+    EXPECT_EQ(log.count("alsa is closed!!!"), 2);
+    EXPECT_EQ(vcard_is_open(), 0);
+}
+
+TEST_F(DeviceTest, BusyDeviceIsWaitedForAboutASecond) {
+    ae_test::LogCapture log;
+    vcard_fail_open(-EBUSY, 50);
+    ASSERT_EQ(open_alsa(44100), 1);
+    EXPECT_EQ(log.count("Waiting release"), 50);
+    close_alsa_ex(0);
+
+    vcard_fail_open(-EBUSY, -1);
+    EXPECT_EQ(open_alsa(44100), 0);
+    EXPECT_EQ(log.count("Waiting release"), 50 + 101);
+    EXPECT_EQ(log.count("unable to open pcm device: Device or resource busy"), 1);
+    EXPECT_EQ(is_alsa_opened(), 0);
+}
+
+TEST_F(DeviceTest, MissingDeviceIsNotRetried) {
+    ae_test::LogCapture log;
+    vcard_fail_open(-ENODEV, 1);
+    EXPECT_EQ(open_alsa(44100), 0);
+    EXPECT_EQ(log.count("No such device: mpd_sm"), 1);
+    EXPECT_EQ(log.count("Waiting release"), 0);
+    EXPECT_EQ(vcard_count_events("open-fail"), 1);
+}
+
+TEST_F(DeviceTest, PauseReachesAnOpenDeviceOnly) {
+    EXPECT_EQ(pause_alsa(1), 0);
+    EXPECT_EQ(vcard_count_events("pause"), 0) << "no device, nothing to pause";
+
+    // Real-time pacing keeps the device running while we pause and resume it.
+    vcard_set_speed(1.0);
+    ASSERT_EQ(init_alsa_output(), 0);
+    for (int i = 0; i < 3; ++i)
+        push(44100, ABUF_PIECE_MAX_FRAMES, i);
+    ASSERT_TRUE(ae_test::wait_until([] { return vcard_captured_frames() > 0; }, 5000));
+    EXPECT_EQ(pause_alsa(1), 0);
+    EXPECT_EQ(pause_alsa(0), 0);
+    EXPECT_EQ(vcard_count_events("pause 1"), 1);
+    EXPECT_EQ(vcard_count_events("pause 0"), 1);
+}
+
+} // namespace
