@@ -1,0 +1,199 @@
+// AudioEngine: the one playback pipeline behind IAudioEngine.
+//
+// Sources by concern:
+//   audio_engine.cpp   construction, destruction, trivial operations, factories
+//   media_open.cpp     opening, closing and releasing the media
+//   caller_stream.cpp  the I/O context over an application's IAudioEngineStream
+//   zip_input.cpp      the I/O context over a zip member
+//   media_info.cpp     tags, chapters and cover of the open media
+//   filter_graph.cpp   the tempo / rate / equaliser / output-format filter graph
+//   play_loop.cpp      the play thread and the transport operations
+#ifndef AUDIO_ENGINE_AUDIOENGINE_H
+#define AUDIO_ENGINE_AUDIOENGINE_H
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "IAudioEngine.h"
+#include "IAudioEngineStream.h"
+#include "QzZipManager.h"
+#include "bitmap.h"
+
+extern "C" {
+struct AVCodecContext;
+struct AVFilterContext;
+struct AVFilterGraph;
+struct AVFormatContext;
+struct AVFrame;
+struct AVIOContext;
+struct AVPacket;
+struct AVStream;
+}
+
+class AudioEngine final : public tavrel::utilities::IAudioEngine {
+public:
+    using ErrorType = tavrel::utilities::IAudioEngine::ErrorType;
+    using Chapter = tavrel::utilities::IAudioEngine::Chapter;
+    using IAudioEngineStream = tavrel::utilities::IAudioEngineStream;
+
+    enum State { Stopped = 0, Playing = 1, Paused = 2, Finished = 3 };
+
+    AudioEngine();
+    ~AudioEngine() override;
+    AudioEngine(const AudioEngine &) = delete;
+    AudioEngine &operator=(const AudioEngine &) = delete;
+
+    // --- IAudioEngine (audio_engine.cpp, media_open.cpp, play_loop.cpp) ----------------------
+    void setTrackPositionChangedCb(std::function<void()> cb) override;
+    void setStateChangedCb(std::function<void()> cb) override;
+    void setErrorCallback(std::function<void(ErrorType)> cb) override;
+    int openFile(const std::string &path) override;
+    int openWithStream(IAudioEngineStream *stream) override;
+    void closeFile() override;
+    int start() override;
+    int stop() override;
+    int pause() override;
+    int resume() override;
+    int seekStream(int ms) override;
+    int getState() override;
+    int64_t getPosition() override;
+    bool isFileOpened() override;
+    void setTempo(double tempo) override;
+    double getTempo() override;
+    void setSampleRateMultiplier(double multiplier) override;
+    double getSampleRateMultiplier() override;
+    int64_t getDurationMs() override;
+    int setVolume(int volume) override;
+    int getVolume() override;
+    void setEqualizerSettings(std::vector<std::pair<int, int>> settings) override;
+    std::map<std::string, std::string> getMetadata() override;
+    std::vector<Chapter> getChapters() override;
+    qz_bitmap *getCover() override;
+
+    // --- Opening and releasing (media_open.cpp) -----------------------------------------------
+    // The opening sequence for a path (io null) or a custom I/O context: 0 or -1.
+    int openFileInt(const std::string &path, AVIOContext *io);
+    // Releases the graph, both decoders, the demuxer (and a zip I/O context) and the cover;
+    // safe to run any number of times. Logs "Cleanup audio engine".
+    void cleanup();
+
+    // --- Caller stream I/O (caller_stream.cpp); opaque is the engine ---------------------------
+    static int doReadPacket(void *opaque, uint8_t *buf, int buf_size);
+    static int64_t doSeek(void *opaque, int64_t offset, int whence);
+
+    // --- Zip member I/O (zip_input.cpp) --------------------------------------------------------
+    void addAVIOZipContext(const std::string &path);
+
+    // --- Filter graph (filter_graph.cpp) -------------------------------------------------------
+    // Builds the graph for `stream` from the current settings: 0 or a negative FFmpeg error.
+    // On failure the graph is incomplete and must not be fed or pulled.
+    int init_filter_graph(AVFormatContext *format, AVStream *stream);
+    // Releases the graph, clears equalizerChanged and builds it again.
+    int reconfigure_filter_graph(AVFormatContext *format, AVStream *stream);
+
+    // --- Play thread (play_loop.cpp) -----------------------------------------------------------
+    void playLoop();
+    // Copies a filtered frame into output pieces and pushes them: 0 (also when stopped before
+    // the audio went out), -19 when the output is gone, else the last push_output_buffer result.
+    int sendToOutput(AVFrame *frame);
+    // Platform media-player state; BanSleep(4) precedes state 0.
+    void set_mp_state(int s);
+
+    // --- Media information (media_info.cpp) ----------------------------------------------------
+    void captureMetadata();
+    void read_cover();
+
+private:
+    // The one place that frees the filter graph and its seven instances.
+    void free_filter_graph();
+    // cleanup() without the log line: what the destructor releases.
+    void releaseMedia();
+    // Frees the zip I/O context and its buffer (the demuxer never owns them).
+    void freeZipIo();
+    // Frees the caller-stream I/O context and its buffer.
+    void freeStreamIo();
+
+    // Play-loop helpers (play thread only).
+    void runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *packet);
+    bool graphNeedsRebuild() const;
+    void holdWhilePaused();
+    void notifyState();
+    void notifyPositionLocked(); // caller holds engineMutex
+    void raisePriority();
+    // Sets Finished unless the state is Stopped; returns whether it did.
+    bool finishUnlessStopped();
+
+    // --- Members, in the order of the engine's data model ------------------------------------
+public:
+    AVFormatContext *formatCtx;      // demuxer; non-null exactly while media is open
+    AVCodecContext *decoderCtx;      // audio decoder
+    AVCodecContext *coverDecoderCtx; // decoder of the attached picture
+    int audioStreamIndex;
+    // Engine state (State). Written by the transport operations and by the play loop; polled
+    // by the play loop. The loop's own final writes happen under engineMutex.
+    std::atomic<int> state;
+    std::thread playThread;
+
+    // engineMutex guards seekRequested, seekTargetMs, positionMs, lastPositionMs and the play
+    // loop's state writes when it ends. The position callback runs under it; nothing else that
+    // may call into the engine does. An FFmpeg seek (and the I/O callbacks it drives) runs
+    // under it.
+    std::mutex engineMutex;
+    bool seekRequested;     // guarded by engineMutex
+    int seekTargetMs;       // guarded by engineMutex
+    int64_t positionMs;     // guarded by engineMutex; -1 when none
+    int64_t lastPositionMs; // guarded by engineMutex; reported while Finished
+
+    std::function<void()> trackPositionChangedCb;
+    std::function<void()> stateChangedCb;
+    std::function<void(ErrorType)> errorCb;
+
+    // Filter graph and its instances: used by the opening thread while no play thread runs,
+    // then by the play thread.
+    AVFilterGraph *filterGraph;
+    AVFilterContext *abufferCtx;
+    AVFilterContext *asetrateCtx;
+    AVFilterContext *aformatCtx;
+    AVFilterContext *atempoCtx;
+    AVFilterContext *atempo2Ctx;
+    AVFilterContext *firequalizerCtx;
+    AVFilterContext *abuffersinkCtx;
+    // Requested settings, written by the application's thread, read by the play thread.
+    std::atomic<double> tempo;
+    std::atomic<double> sampleRateMultiplier;
+    // Settings the current graph was built with (play thread, or the opening thread).
+    double graphTempo;
+    double graphSampleRateMultiplier;
+    // Guarded by equalizerMutex: the setter replaces the list, a build copies it.
+    std::vector<std::pair<int, int>> equalizerSettings;
+    std::atomic<bool> equalizerChanged;
+
+    int64_t durationMs; // written only by the opening sequence
+    std::map<std::string, std::string> metadata;
+    std::vector<Chapter> chapters;
+    int coverStreamIndex;
+    // Written by the opening sequence and by cleanup(), which a failing play thread also runs.
+    std::atomic<qz_bitmap *> cover;
+    AVIOContext *streamIoCtx;      // custom I/O over `stream`, owned
+    unsigned char *streamIoBuffer; // its first 4096-byte buffer (FFmpeg may replace it)
+    IAudioEngineStream *stream;    // not owned
+    std::shared_ptr<tavrel::QzZipManager> zip_reader;
+
+private:
+    std::mutex equalizerMutex; // guards equalizerSettings
+    AVIOContext *zipIoCtx;     // custom I/O over the zip member, attached to formatCtx
+    // Mirrors of formatCtx / decoderCtx being set, for the getters and start() on the
+    // application's thread while a failing play thread may be releasing the media.
+    std::atomic<bool> mediaOpen;
+    std::atomic<bool> decoderOpen;
+};
+
+#endif

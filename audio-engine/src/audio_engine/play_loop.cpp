@@ -1,0 +1,417 @@
+// AudioEngine: the play thread (decode, filter, output) and the transport operations that
+// steer it through the state word and the members guarded by engineMutex.
+#include "AudioEngine.h"
+
+#include "alsa_device.h"
+#include "engine_log.h"
+#include "ffmpeg_error.h"
+#include "mp_state.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavfilter/buffersink.h>
+#include <libavfilter/buffersrc.h>
+#include <libavformat/avformat.h>
+#include <libavutil/mathematics.h>
+#include <libavutil/samplefmt.h>
+}
+
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <system_error>
+
+namespace {
+
+const int kPlayThreadNice = -19;
+const useconds_t kPollUs = 10000;       // every wait of the play thread polls at 10 ms
+const int kMaxPiecePolls = 500000;      // about 5000 s without a free piece
+const double kRebuildThreshold = 0.001; // smaller setting changes keep the current graph
+const int kOutputGone = -19;            // -ENODEV, as push_output_buffer reports it
+
+// Platform media-player states.
+const int kMpEnded = 0;
+const int kMpPlaying = 2;
+const int kMpPaused = 3;
+
+// Whole seconds of a timestamp in `tb`, in milliseconds.
+int64_t wholeSecondsMs(int64_t ts, AVRational tb) {
+    return av_rescale_q(ts, tb, AVRational{1, 1000000}) / 1000000 * 1000;
+}
+
+} // namespace
+
+// --- Transport (application's thread) ----------------------------------------------------------
+
+int AudioEngine::start() {
+    if (!decoderOpen.load()) {
+        AE_LOG(2, "%s", "File is not opened");
+        return -1;
+    }
+    if (playThread.joinable() && playThread.get_id() == std::this_thread::get_id()) {
+        // Called from a callback on the play thread, which cannot replace itself.
+        AE_LOG(2, "%s", "start() called on the play thread");
+        return -1;
+    }
+    state = Stopped;
+    if (playThread.joinable())
+        playThread.join();
+    state = Playing;
+    try {
+        playThread = std::thread(&AudioEngine::playLoop, this);
+    } catch (const std::system_error &e) {
+        state = Stopped;
+        AE_LOG(2, "%s", e.what());
+        return -1;
+    }
+    notifyState();
+    return 0;
+}
+
+int AudioEngine::stop() {
+    state = Stopped;
+    if (playThread.joinable() && playThread.get_id() != std::this_thread::get_id())
+        playThread.join();
+    notifyState();
+    return 0;
+}
+
+int AudioEngine::pause() {
+    int expected = Playing;
+    if (!state.compare_exchange_strong(expected, Paused))
+        return 0;
+    {
+        std::lock_guard<std::mutex> lock(engineMutex);
+        if (seekRequested && seekTargetMs < durationMs) {
+            positionMs = seekTargetMs;
+            notifyPositionLocked();
+        }
+    }
+    notifyState();
+    return 0;
+}
+
+int AudioEngine::resume() {
+    int expected = Paused;
+    if (!state.compare_exchange_strong(expected, Playing))
+        return 0;
+    notifyState();
+    return 0;
+}
+
+int AudioEngine::seekStream(int ms) {
+    std::lock_guard<std::mutex> lock(engineMutex);
+    if (ms < 0) {
+        seekRequested = false;
+        return 0;
+    }
+    seekTargetMs = ms;
+    seekRequested = true;
+    const int s = state.load();
+    if ((s == Stopped || s == Paused) && ms < durationMs)
+        positionMs = ms;
+    return 0;
+}
+
+int64_t AudioEngine::getPosition() {
+    int64_t position;
+    {
+        std::lock_guard<std::mutex> lock(engineMutex);
+        position = state.load() == Finished ? lastPositionMs : positionMs;
+    }
+    return position < 0 ? 0 : position;
+}
+
+// --- Notifications -------------------------------------------------------------------------------
+
+void AudioEngine::notifyState() {
+    if (stateChangedCb)
+        stateChangedCb();
+}
+
+void AudioEngine::notifyPositionLocked() {
+    if (trackPositionChangedCb)
+        trackPositionChangedCb();
+}
+
+void AudioEngine::set_mp_state(int s) {
+    if (s == kMpEnded)
+        BanSleep(4);
+    hw_mp_setstate(s);
+}
+
+// --- Play thread ---------------------------------------------------------------------------------
+
+void AudioEngine::raisePriority() {
+    const id_t tid = static_cast<id_t>(syscall(SYS_gettid));
+    errno = 0;
+    const int current = getpriority(PRIO_PROCESS, tid);
+    if (current == kPlayThreadNice && errno == 0)
+        return;
+    if (setpriority(PRIO_PROCESS, tid, kPlayThreadNice) != 0)
+        fprintf(stderr, "playLoop FAILED to setpriority\n");
+}
+
+bool AudioEngine::finishUnlessStopped() {
+    int s = state.load();
+    while (s != Stopped) {
+        if (state.compare_exchange_weak(s, Finished))
+            return true;
+    }
+    return false;
+}
+
+void AudioEngine::playLoop() {
+    raisePriority();
+    AE_LOG(4, "%s", "PlayLoop");
+    set_mp_state(kMpPlaying);
+    init_alsa_output();
+
+    AVFrame *decoded = nullptr;
+    AVFrame *filtered = nullptr;
+    AVPacket *packet = nullptr;
+    try {
+        decoded = av_frame_alloc();
+        filtered = av_frame_alloc();
+        if (!decoded || !filtered)
+            throw FfmpegError("Failed to av_frame_alloc");
+        packet = av_packet_alloc();
+        if (!packet)
+            throw FfmpegError("Failed to av_packet_alloc");
+        runPackets(decoded, filtered, packet);
+    } catch (const std::exception &e) {
+        // FfmpegError from the loop, or an allocation failure on the way.
+        AE_LOG(2, "%s", e.what());
+        cleanup();
+        set_mp_state(kMpEnded);
+    }
+
+    // Exit sequence: end of media, stop, or failure.
+    set_mp_state(kMpEnded);
+    av_frame_free(&decoded);
+    av_frame_free(&filtered);
+    av_packet_free(&packet);
+    {
+        std::lock_guard<std::mutex> lock(engineMutex);
+        positionMs = -1;
+        if (state.load() != Stopped) {
+            set_mp_state(kMpEnded);
+            if (finishUnlessStopped()) {
+                lastPositionMs = durationMs;
+                notifyPositionLocked();
+            }
+        }
+    }
+    notifyState();
+    AE_LOG(4, "%s", "exiting PlayLoop");
+}
+
+bool AudioEngine::graphNeedsRebuild() const {
+    return std::fabs(graphSampleRateMultiplier - sampleRateMultiplier.load()) > kRebuildThreshold ||
+           std::fabs(graphTempo - tempo.load()) > kRebuildThreshold || equalizerChanged.load();
+}
+
+void AudioEngine::holdWhilePaused() {
+    if (state.load() != Paused)
+        return;
+    while (state.load() == Paused) {
+        hw_mp_setstate(kMpPaused);
+        usleep(kPollUs);
+    }
+    hw_mp_setstate(kMpPlaying);
+    if (state.load() == Playing)
+        pause_alsa(0);
+}
+
+void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *packet) {
+    AVStream *audio = formatCtx->streams[audioStreamIndex];
+
+    for (;;) {
+        if (av_read_frame(formatCtx, packet) < 0)
+            return; // end of media or read error
+        if (packet->stream_index != audioStreamIndex) {
+            av_packet_unref(packet);
+            continue;
+        }
+
+        // One pass per send; a packet takes several only while the decoder answers EAGAIN.
+        int sent;
+        do {
+            sent = avcodec_send_packet(decoderCtx, packet);
+            if (sent < 0 && sent != AVERROR(EAGAIN) && sent != AVERROR_INVALIDDATA)
+                throw FfmpegError("Failed to avcodec_send_packet");
+
+            const int received = avcodec_receive_frame(decoderCtx, decoded);
+            if (received == AVERROR(EAGAIN)) {
+                if (sent == AVERROR(EAGAIN))
+                    throw FfmpegError("Can't require more input and more output simultaneously!!!");
+                break;
+            }
+            if (received < 0)
+                throw FfmpegError("Failed to avcodec_receive_frame");
+
+            if (graphNeedsRebuild() && reconfigure_filter_graph(formatCtx, audio) < 0)
+                throw FfmpegError("Failed to rebuild the filter graph");
+
+            const int written = av_buffersrc_write_frame(abufferCtx, decoded);
+            av_frame_unref(decoded);
+            if (written < 0)
+                throw FfmpegError("Failed to av_buffersrc_write_frame");
+
+            bool outputPass = false;
+            bool havePosition = false;
+            int64_t lastTimestamp = 0;
+            for (;;) {
+                const int pulled = av_buffersink_get_frame(abuffersinkCtx, filtered);
+                if (pulled == AVERROR(EAGAIN) || pulled == AVERROR_EOF)
+                    break;
+                if (pulled < 0) {
+                    AE_LOG(2, "%s", "Failed to av_buffersink_get_frame");
+                    break;
+                }
+                if (sendToOutput(filtered) == kOutputGone) {
+                    av_frame_unref(filtered);
+                    AE_LOG(2, "%s", "No output device");
+                    {
+                        std::lock_guard<std::mutex> lock(engineMutex);
+                        state = Stopped;
+                        positionMs = -1;
+                    }
+                    if (errorCb)
+                        errorCb(tavrel::utilities::IAudioEngine::NoOutputDevice);
+                    break;
+                }
+                outputPass = true;
+                if (filtered->best_effort_timestamp != AV_NOPTS_VALUE) {
+                    lastTimestamp = filtered->best_effort_timestamp;
+                    havePosition = true;
+                }
+                av_frame_unref(filtered);
+            }
+
+            holdWhilePaused();
+
+            if (state.load() == Stopped) {
+                set_mp_state(kMpEnded);
+                notifyState();
+                break;
+            }
+
+            if (outputPass) {
+                std::lock_guard<std::mutex> lock(engineMutex);
+                if (seekRequested) {
+                    const int64_t target =
+                        av_rescale_q(seekTargetMs / 1000, AVRational{1, 1}, audio->time_base);
+                    if (av_seek_frame(formatCtx, audioStreamIndex, target, AVSEEK_FLAG_BACKWARD) <
+                        0)
+                        AE_LOG(2, "%s", "Failed to av_seek_frame");
+                    avcodec_flush_buffers(decoderCtx);
+                    seekRequested = false;
+                } else {
+                    if (havePosition) {
+                        positionMs = wholeSecondsMs(lastTimestamp, audio->time_base);
+                        lastPositionMs = positionMs;
+                    }
+                    notifyPositionLocked();
+                }
+            }
+        } while (sent == AVERROR(EAGAIN));
+
+        av_packet_unref(packet);
+        if (state.load() == Stopped) {
+            set_mp_state(kMpEnded);
+            notifyState();
+            AE_LOG(4, "%s", "Break on stopped");
+            return;
+        }
+    }
+}
+
+// --- Output --------------------------------------------------------------------------------------
+
+int AudioEngine::sendToOutput(AVFrame *frame) {
+    const int channels = frame->ch_layout.nb_channels;
+    const AVSampleFormat format = static_cast<AVSampleFormat>(frame->format);
+    const int size = av_get_bytes_per_sample(format);
+    const int total = frame->nb_samples;
+    if (size <= 0 || total <= 0)
+        return 0;
+
+    const bool planar = av_sample_fmt_is_planar(format) != 0;
+    const int bytesPerFrame = 2 * size; // the piece always holds left and right
+    const int capacity = ABUF_PIECE_BYTES / bytesPerFrame;
+    int result = 0;
+
+    // A frame longer than one piece continues in the next ones, in order.
+    for (int done = 0; done < total;) {
+        // Wait for a free piece. An output layer that has stopped releases no piece any more:
+        // it is reported as gone, as pushing would.
+        abuf_piece *piece = get_output_buffer();
+        bool timedOut = false;
+        bool outputStopped = false;
+        for (int polls = 0; !piece; piece = get_output_buffer()) {
+            if (state.load() == Stopped)
+                return 0;
+            if (alsa_output_working() == 0) {
+                outputStopped = true;
+                break;
+            }
+            if (++polls > kMaxPiecePolls) {
+                timedOut = true;
+                break;
+            }
+            usleep(kPollUs);
+        }
+
+        holdWhilePaused();
+        if (state.load() == Stopped)
+            return 0;
+        if (timedOut) {
+            AE_LOG(2, "%s", "Alsa buffer error");
+            return kOutputGone;
+        }
+        if (outputStopped)
+            return kOutputGone;
+
+        const int count = total - done < capacity ? total - done : capacity;
+        piece->samplerate = frame->sample_rate;
+        piece->frames = count;
+        uint8_t *out = piece->data;
+
+        if (channels == 2 && !planar) {
+            // Interleaved left/right already: one block.
+            memcpy(out, frame->data[0] + static_cast<size_t>(done) * bytesPerFrame,
+                   static_cast<size_t>(count) * bytesPerFrame);
+        } else if (channels == 2) {
+            const uint8_t *left = frame->data[0] + static_cast<size_t>(done) * size;
+            const uint8_t *right = frame->data[1] + static_cast<size_t>(done) * size;
+            for (int i = 0; i < count; i++) {
+                memcpy(out, left + static_cast<size_t>(i) * size, size);
+                memcpy(out + size, right + static_cast<size_t>(i) * size, size);
+                out += bytesPerFrame;
+            }
+        } else if (channels == 1) {
+            const uint8_t *mono = frame->data[0] + static_cast<size_t>(done) * size;
+            for (int i = 0; i < count; i++) {
+                memcpy(out, mono + static_cast<size_t>(i) * size, size);
+                memcpy(out + size, mono + static_cast<size_t>(i) * size, size);
+                out += bytesPerFrame;
+            }
+        } else {
+            // Not produced by the graph; play silence rather than garbage.
+            AE_LOG(2, "%s", "Unsupported channels no");
+            memset(out, 0, static_cast<size_t>(count) * bytesPerFrame);
+        }
+
+        result = push_output_buffer(piece);
+        if (result == kOutputGone)
+            return result;
+        done += count;
+    }
+    return result;
+}
