@@ -72,7 +72,8 @@ public:
     // The stream's operations are called on this thread during the call.
     virtual int openWithStream(IAudioEngineStream *stream) = 0;
 
-    // Stops playback if it is not Stopped (through stop()) and releases the media.
+    // Stops playback if it is not Stopped (through stop(), whose state callback fires on this
+    // thread) and releases the media. Not from inside a callback on the play thread.
     virtual void closeFile() = 0;
 
     // (Re)starts playback of the open media from where the demuxer stands: ends a running play
@@ -136,7 +137,9 @@ public:
     // is closed, another one is opened or the engine is destroyed.
     virtual qz_bitmap *getCover() = 0;
 
-    // Stops a play thread that still runs, then releases everything the engine holds.
+    // Stops a play thread that still runs, then releases everything the engine holds. That
+    // thread's last callbacks may still run during the call; call it on the application's
+    // thread, never from inside a callback.
     virtual ~IAudioEngine() = default;
 };
 

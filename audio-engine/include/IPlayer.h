@@ -115,8 +115,9 @@ public:
     // Duration of the open track in seconds, 0 when none.
     virtual int GetTrackSize() = 0;
 
-    // Seeks to `seconds` (negative: no seek). Takes effect as playback goes on; while paused or
-    // stopped GetTrackPosition reads the new position at once.
+    // Seeks to `seconds` (negative: no seek). Takes effect as playback goes on (the play thread
+    // then reports the new position through OnPositionChanged); while paused or stopped
+    // GetTrackPosition reads the new position at once. Not from inside OnPositionChanged.
     virtual void SetTrackPosition(int seconds) = 0;
 
     // Playback position in seconds.
@@ -145,8 +146,9 @@ public:
     virtual int GetMaxVolume() = 0;
 
     // To be called by the application, on its own thread, after OnStateChanged: when the track
-    // has ended (Finished) starts the next one as NextTrack does; otherwise does nothing. Never
-    // call it from inside a callback: starting the next track joins the play thread.
+    // has ended (Finished) starts the next one as NextTrack does (callbacks as for NextTrack);
+    // otherwise does nothing. In Sequential mode after the last track the state stays Finished.
+    // Never call it from inside a callback: starting the next track joins the play thread.
     virtual void HandlePlayerStateChanged() = 0;
 
     // Appends playlist entry `trackNum`'s file to the play queue (duplicates allowed); an index
@@ -163,7 +165,9 @@ public:
     // A copy of the track last started by PlayTrack (an empty record before the first).
     virtual Track GetPlayingTrack() = 0;
 
-    // Sets (or, with null, removes) the callback object. Takes effect from the next event.
+    // Sets (or, with null, removes) the callback object. Takes effect from the next event; a
+    // callback already running on the play thread may still finish after setCb(nullptr)
+    // returns, so remove it after SetState(Stopped) when the object is about to go away.
     virtual void setCb(PlayerCb *cb) = 0;
 
     // Tempo (speed at constant pitch), 0.25..4.0; other values, NaN included, are ignored.
@@ -189,6 +193,8 @@ public:
 
     // Opens `path` on the engine (closing the open track) without starting it and without
     // touching the playlist, the current index or the playing track. 0, or the engine's error.
+    // Closing a track that plays stops it: OnStateChanged arrives on this thread (and the play
+    // thread may report its end at the same time). Never call it from inside a callback.
     virtual int openFile(const std::string &path) = 0;
 };
 

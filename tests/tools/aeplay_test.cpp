@@ -1,0 +1,311 @@
+// aeplay: option parsing, play-list building, and runs of the program into WAV files.
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "aeplay_options.h"
+#include "aeplay_playlist.h"
+#include "test_support.h"
+
+namespace {
+
+bool parse(std::vector<const char *> args, aeplay::Options *options, std::string *error) {
+    args.insert(args.begin(), "aeplay");
+    return aeplay::parse_options(static_cast<int>(args.size()), args.data(), options, error);
+}
+
+// A fresh scratch folder for one test.
+std::string scratch(const std::string &name) {
+    const std::string dir = ae_test::tmp_path("aeplay_" + name);
+    std::system(("rm -rf '" + dir + "' && mkdir -p '" + dir + "'").c_str());
+    return dir;
+}
+
+void touch(const std::string &path, const std::string &text = "x") {
+    std::ofstream(path) << text;
+}
+
+std::string read_file(const std::string &path) {
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// Runs aeplay with the system's ALSA configuration (not the virtual card's) and no terminal;
+// returns its exit status and what it wrote.
+int run_aeplay(const std::string &args, const std::string &dir, std::string *out,
+               std::string *err) {
+    const std::string command = "env -u ALSA_CONFIG_PATH TMPDIR='" + dir + "' " AEPLAY_BIN " " +
+                                args + " </dev/null >'" + dir + "/out.txt' 2>'" + dir + "/err.txt'";
+    const int status = std::system(command.c_str());
+    *out = read_file(dir + "/out.txt");
+    *err = read_file(dir + "/err.txt");
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+} // namespace
+
+// --- Options ---------------------------------------------------------------------------------
+
+TEST(AeplayOptions, DefaultsWithOneInput) {
+    aeplay::Options o;
+    std::string error;
+    ASSERT_TRUE(parse({"book.mp3"}, &o, &error)) << error;
+    EXPECT_EQ(o.inputs, std::vector<std::string>{"book.mp3"});
+    EXPECT_DOUBLE_EQ(o.tempo, 1.0);
+    EXPECT_DOUBLE_EQ(o.rate, 1.0);
+    EXPECT_TRUE(o.eq.empty());
+    EXPECT_EQ(o.mode, 2); // Sequential
+    EXPECT_EQ(o.start, -1);
+    EXPECT_FALSE(o.info);
+    EXPECT_TRUE(o.device.empty());
+    EXPECT_TRUE(o.wav.empty());
+}
+
+TEST(AeplayOptions, EveryOption) {
+    aeplay::Options o;
+    std::string error;
+    ASSERT_TRUE(parse({"--tempo", "1.5", "--rate=0.75", "--eq", "60:3,1000:-2", "--mode", "shuffle",
+                       "--start", "90", "--wav", "out.wav", "--info", "--cover", "c.png",
+                       "--fallback-wav", "f.wav", "a.mp3", "--", "-odd name.mp3"},
+                      &o, &error))
+        << error;
+    EXPECT_DOUBLE_EQ(o.tempo, 1.5);
+    EXPECT_DOUBLE_EQ(o.rate, 0.75);
+    EXPECT_EQ(o.eq, (std::vector<std::pair<int, int>>{{60, 3}, {1000, -2}}));
+    EXPECT_EQ(o.mode, 3);
+    EXPECT_EQ(o.start, 90);
+    EXPECT_EQ(o.wav, "out.wav");
+    EXPECT_TRUE(o.info);
+    EXPECT_EQ(o.cover, "c.png");
+    EXPECT_EQ(o.fallbackWav, "f.wav");
+    EXPECT_EQ(o.inputs, (std::vector<std::string>{"a.mp3", "-odd name.mp3"}));
+}
+
+TEST(AeplayOptions, ModesByNameAndNumber) {
+    EXPECT_EQ(aeplay::mode_from_name("repeat-track"), 0);
+    EXPECT_EQ(aeplay::mode_from_name("repeat-list"), 1);
+    EXPECT_EQ(aeplay::mode_from_name("sequential"), 2);
+    EXPECT_EQ(aeplay::mode_from_name("3"), 3);
+    EXPECT_EQ(aeplay::mode_from_name("loop"), -1);
+    EXPECT_STREQ(aeplay::mode_name(1), "repeat-list");
+    EXPECT_STREQ(aeplay::mode_name(42), "repeat-track");
+}
+
+TEST(AeplayOptions, HelpNeedsNoInput) {
+    aeplay::Options o;
+    std::string error;
+    ASSERT_TRUE(parse({"--help"}, &o, &error)) << error;
+    EXPECT_TRUE(o.help);
+    EXPECT_NE(aeplay::usage_text().find("--wav"), std::string::npos);
+}
+
+TEST(AeplayOptions, BadArgumentsAreRefusedWithOneLine) {
+    const std::vector<std::vector<const char *>> bad = {
+        {},
+        {"--tempo", "5", "a.mp3"},
+        {"--tempo", "fast", "a.mp3"},
+        {"--tempo=0.2", "a.mp3"},
+        {"--rate", "2.5", "a.mp3"},
+        {"--rate", "nan", "a.mp3"},
+        {"--eq", "60", "a.mp3"},
+        {"--eq", "60:3,x:1", "a.mp3"},
+        {"--eq", "60:99", "a.mp3"},
+        {"--mode", "loop", "a.mp3"},
+        {"--start", "-3", "a.mp3"},
+        {"--start", "soon", "a.mp3"},
+        {"--bogus", "a.mp3"},
+        {"a.mp3", "--tempo"},
+        {"--info=yes", "a.mp3"},
+        {"--device", "hw:0", "--wav", "x.wav", "a.mp3"},
+        {"--wav", "", "a.mp3"},
+    };
+    for (const auto &args : bad) {
+        aeplay::Options o;
+        std::string error;
+        std::string joined;
+        for (const char *a : args)
+            joined += std::string(a) + " ";
+        EXPECT_FALSE(parse(args, &o, &error)) << joined;
+        EXPECT_FALSE(error.empty()) << joined;
+        EXPECT_EQ(error.find('\n'), std::string::npos) << joined;
+    }
+}
+
+TEST(AeplayOptions, EqualiserList) {
+    std::vector<std::pair<int, int>> points;
+    std::string error;
+    EXPECT_TRUE(aeplay::parse_eq("", &points, &error));
+    EXPECT_TRUE(points.empty());
+    EXPECT_TRUE(aeplay::parse_eq("100:-30,8000:30", &points, &error));
+    EXPECT_EQ(points, (std::vector<std::pair<int, int>>{{100, -30}, {8000, 30}}));
+    EXPECT_FALSE(aeplay::parse_eq("0:3", &points, &error));
+    EXPECT_FALSE(aeplay::parse_eq("60:3,", &points, &error));
+}
+
+// --- Play list ---------------------------------------------------------------------------------
+
+TEST(AeplayPlayList, FolderGivesItsAudioFilesSortedWithSubfolders) {
+    const std::string dir = scratch("folder");
+    for (const char *name :
+         {"b.mp3", "a.flac", "notes.txt", "cover.jpg", ".hidden.mp3", "C.OGG", "list.m3u"})
+        touch(dir + "/" + name);
+    mkdir((dir + "/b2").c_str(), 0755);
+    touch(dir + "/b2/inner.opus");
+    const aeplay::PlayList list = aeplay::build_playlist({dir});
+    EXPECT_TRUE(list.errors.empty());
+    EXPECT_EQ(list.paths, (std::vector<std::string>{dir + "/C.OGG", dir + "/a.flac", dir + "/b.mp3",
+                                                    dir + "/b2/inner.opus"}));
+}
+
+TEST(AeplayPlayList, M3uEntriesRelativeToThePlaylist) {
+    const std::string dir = scratch("m3u");
+    mkdir((dir + "/sub").c_str(), 0755);
+    touch(dir + "/sub/one.mp3");
+    touch(dir + "/two.wav");
+    touch(dir + "/sub/list.m3u8", "\xEF\xBB\xBF#EXTM3U\r\n#EXTINF:3,One\r\none.mp3\r\n\r\n"
+                                  "../two.wav\r\n" +
+                                      dir + "/sub/one.mp3\nmissing.mp3\n");
+    const aeplay::PlayList list = aeplay::build_playlist({dir + "/sub/list.m3u8"});
+    EXPECT_EQ(list.paths, (std::vector<std::string>{dir + "/sub/one.mp3", dir + "/sub/../two.wav",
+                                                    dir + "/sub/one.mp3"}));
+    ASSERT_EQ(list.errors.size(), 1u);
+    EXPECT_NE(list.errors[0].find("missing.mp3"), std::string::npos);
+}
+
+TEST(AeplayPlayList, PlaylistThatNamesItselfStops) {
+    const std::string dir = scratch("m3u_loop");
+    touch(dir + "/loop.m3u", "loop.m3u\n");
+    const aeplay::PlayList list = aeplay::build_playlist({dir + "/loop.m3u"});
+    EXPECT_TRUE(list.paths.empty());
+    EXPECT_FALSE(list.errors.empty());
+}
+
+TEST(AeplayPlayList, ZipArchiveGivesItsAudioMembersInOrder) {
+    const std::string dir = scratch("zip");
+    touch(dir + "/part02.mp3");
+    touch(dir + "/part01.mp3");
+    touch(dir + "/readme.txt");
+    const std::string zip = dir + "/book.zip";
+    ASSERT_EQ(std::system(("cd '" + dir +
+                           "' && " AE_ZIP_TOOL " -q book.zip part02.mp3 readme.txt part01.mp3")
+                              .c_str()),
+              0);
+    const aeplay::PlayList list = aeplay::build_playlist({zip});
+    EXPECT_TRUE(list.errors.empty());
+    EXPECT_EQ(list.paths,
+              (std::vector<std::string>{zip + ":#zip(part02.mp3)", zip + ":#zip(part01.mp3)"}));
+    EXPECT_EQ(aeplay::display_name(list.paths[1]), "part01.mp3");
+}
+
+TEST(AeplayPlayList, ZipMemberPathsAndMissingInputs) {
+    const std::string dir = scratch("zip_member");
+    touch(dir + "/book.zip", "not really a zip");
+    const aeplay::PlayList list =
+        aeplay::build_playlist({dir + "/book.zip:#zip(a.mp3)", dir + "/gone.zip:#zip(a.mp3)",
+                                dir + "/gone.mp3", dir + "/book.zip"});
+    EXPECT_EQ(list.paths, std::vector<std::string>{dir + "/book.zip:#zip(a.mp3)"});
+    ASSERT_EQ(list.errors.size(), 3u);
+    EXPECT_NE(list.errors[0].find("no such archive"), std::string::npos);
+    EXPECT_NE(list.errors[1].find("no such file"), std::string::npos);
+    EXPECT_NE(list.errors[2].find("cannot read archive"), std::string::npos);
+}
+
+TEST(AeplayPlayList, DisplayNames) {
+    EXPECT_EQ(aeplay::display_name("/books/a/part1.mp3"), "part1.mp3");
+    EXPECT_EQ(aeplay::display_name("plain.mp3"), "plain.mp3");
+    EXPECT_EQ(aeplay::display_name("/b/book.zip:#zip(cd1/t01.mp3)"), "cd1/t01.mp3");
+}
+
+// --- The program -----------------------------------------------------------------------------
+
+TEST(AeplayProgram, PlaysIntoAWavFile) {
+    const std::string dir = scratch("run_wav");
+    std::string out, err;
+    ASSERT_EQ(
+        run_aeplay("--wav '" + dir + "/out.wav' '" + ae_test::media_path("tone440_3s.mp3") + "'",
+                   dir, &out, &err),
+        0)
+        << out << err;
+    EXPECT_NE(out.find("writing the audio to " + dir + "/out.wav"), std::string::npos) << out;
+
+    std::vector<int16_t> samples;
+    int channels = 0, rate = 0;
+    ASSERT_TRUE(ae_test::read_wav(dir + "/out.wav", &samples, &channels, &rate));
+    ASSERT_EQ(channels, 2);
+    ASSERT_EQ(rate, 44100);
+    const double seconds = static_cast<double>(samples.size()) / channels / rate;
+    EXPECT_NEAR(seconds, 3.0, 0.25);
+    EXPECT_NEAR(ae_test::zero_crossing_frequency(samples, channels, 0, rate), 440.0, 5.0);
+    EXPECT_NEAR(ae_test::zero_crossing_frequency(samples, channels, 1, rate), 440.0, 5.0);
+    EXPECT_GT(ae_test::rms_dbfs(samples, channels, 0), -30.0);
+}
+
+TEST(AeplayProgram, SkipsAnUnplayableTrackAndPlaysTheRest) {
+    const std::string dir = scratch("run_skip");
+    std::string out, err;
+    ASSERT_EQ(run_aeplay("--wav '" + dir + "/out.wav' '" + ae_test::media_path("tone440_3s.wav") +
+                             "' '" + ae_test::media_path("not_audio.mp3") + "' '" +
+                             ae_test::media_path("tone1000_3s.wav") + "'",
+                         dir, &out, &err),
+              0)
+        << out << err;
+    EXPECT_NE(err.find("cannot play " + ae_test::media_path("not_audio.mp3")), std::string::npos)
+        << err;
+    std::vector<int16_t> samples;
+    int channels = 0, rate = 0;
+    ASSERT_TRUE(ae_test::read_wav(dir + "/out.wav", &samples, &channels, &rate));
+    const size_t frames = samples.size() / 2;
+    EXPECT_NEAR(static_cast<double>(frames) / rate, 6.0, 0.4);
+    // First half 440 Hz, second half 1000 Hz.
+    const std::vector<int16_t> first(samples.begin() + 2 * rate / 2,
+                                     samples.begin() + 2 * 2 * rate);
+    const std::vector<int16_t> last(samples.end() - 2 * 2 * rate, samples.end() - 2 * rate / 2);
+    EXPECT_NEAR(ae_test::zero_crossing_frequency(first, 2, 0, rate), 440.0, 5.0);
+    EXPECT_NEAR(ae_test::zero_crossing_frequency(last, 2, 0, rate), 1000.0, 10.0);
+}
+
+TEST(AeplayProgram, ZipArchiveMembersPlayInOrder) {
+    const std::string dir = scratch("run_zip");
+    ASSERT_EQ(std::system(("cd '" + dir + "' && cp '" + ae_test::media_path("tone440_3s.wav") +
+                           "' a.wav && cp '" + ae_test::media_path("tone100_3s.wav") +
+                           "' b.wav && " AE_ZIP_TOOL " -q -0 book.zip a.wav b.wav")
+                              .c_str()),
+              0);
+    std::string out, err;
+    ASSERT_EQ(run_aeplay("--wav '" + dir + "/out.wav' '" + dir + "/book.zip'", dir, &out, &err), 0)
+        << out << err;
+    EXPECT_NE(out.find("track 2/2: b.wav"), std::string::npos) << out;
+    std::vector<int16_t> samples;
+    int channels = 0, rate = 0;
+    ASSERT_TRUE(ae_test::read_wav(dir + "/out.wav", &samples, &channels, &rate));
+    EXPECT_NEAR(static_cast<double>(samples.size()) / 2 / rate, 6.0, 0.4);
+}
+
+TEST(AeplayProgram, BadArgumentsAndUnplayableInputFailCleanly) {
+    const std::string dir = scratch("run_bad");
+    std::string out, err;
+    EXPECT_EQ(run_aeplay("--tempo 9 x.mp3", dir, &out, &err), 2);
+    EXPECT_EQ(err, "aeplay: bad tempo '9' (0.25..4.0)\n");
+
+    EXPECT_EQ(run_aeplay("'" + dir + "/nothing.mp3'", dir, &out, &err), 1);
+    EXPECT_NE(err.find("no such file"), std::string::npos) << err;
+
+    EXPECT_EQ(run_aeplay("--wav '" + dir + "/out.wav' '" + ae_test::media_path("empty.mp3") + "'",
+                         dir, &out, &err),
+              1);
+    EXPECT_NE(err.find("cannot play"), std::string::npos) << err;
+
+    EXPECT_EQ(run_aeplay("--device no_such_pcm '" + ae_test::media_path("tone440_3s.wav") + "'",
+                         dir, &out, &err),
+              1);
+    EXPECT_NE(err.find("no_such_pcm"), std::string::npos) << err;
+}
