@@ -95,3 +95,109 @@ if [ ! -e tone440_corrupt.mp3 ]; then
         dd of=.tmp.$$.corrupt bs=1024 seek=$((size / 2 / 1024)) conv=notrunc status=none
     mv .tmp.$$.corrupt tone440_corrupt.mp3
 fi
+
+# --- Tags, chapters and cover pictures -------------------------------------------------------
+# make_tagged: as make, but the tags and chapters mapped on the command line are kept.
+make_tagged() {
+    file=$1
+    shift
+    [ -e "$file" ] && return 0
+    tmp=".tmp.$$.$file"
+    if ! "$FFMPEG" -nostdin -y -loglevel error "$@" -fflags +bitexact -flags:v +bitexact \
+        -flags:a +bitexact "$tmp"; then
+        rm -f "$tmp"
+        echo "generate_media.sh: cannot make $file" >&2
+        exit 1
+    fi
+    mv "$tmp" "$file"
+}
+
+# Tags as written (UTF-8, mixed-case keys, blanks kept) and three chapters: 0 to 1.999999 s
+# (microseconds), 12.9 to 75.25 s (hundredths), 75.25 to 80 s without a title.
+if [ ! -e tags_chapters.ffmeta ]; then
+    cat >.tmp.$$.ffmeta <<'META'
+;FFMETADATA1
+title=Čítanka — 読書
+artist=Author Name
+Album=Mixed Case Key
+comment=  spaced value  
+[CHAPTER]
+TIMEBASE=1/1000000
+START=0
+END=1999999
+title=Opening
+[CHAPTER]
+TIMEBASE=1/100
+START=1290
+END=7525
+title=Střed
+[CHAPTER]
+TIMEBASE=1/1000
+START=75250
+END=80000
+META
+    mv .tmp.$$.ffmeta tags_chapters.ffmeta
+fi
+make_tagged tags_chapters_80s.mka -f lavfi -i "$(sine 440 44100 80)" -i tags_chapters.ffmeta \
+    -map 0:a -map_metadata 1 -map_chapters 1 -ac 1 -c:a libmp3lame -b:a 32k -f matroska
+# Tags and a chapter but no audio stream: the open fails after the stream information.
+make_tagged tags_video_only.mkv -f lavfi -i "testsrc=size=64x48:rate=5:duration=2" \
+    -metadata title="No sound" -metadata Comment=pictures -map_chapters -1 \
+    -c:v mjpeg -pix_fmt yuvj420p -f matroska
+
+# Audio whose first second is recognisable: 300 Hz for 1 s, then 1000 Hz for 2 s.
+MARKED="aevalsrc=exprs=0.25*sin(2*PI*t*if(lt(t\,1)\,300\,1000)):c=stereo:s=44100:d=3"
+make marked_3s.mp3 -f lavfi -i "$MARKED" -c:a libmp3lame -b:a 128k -f mp3
+
+# A 64x48 picture of four 32x24 blocks: red, green (top), blue, white (bottom), exact in PNG.
+BLOCKS="color=c=0xFF0000:s=32x24:d=1,format=rgb24[r];color=c=0x00FF00:s=32x24:d=1,format=rgb24[g];\
+color=c=0x0000FF:s=32x24:d=1,format=rgb24[b];color=c=0xFFFFFF:s=32x24:d=1,format=rgb24[w];\
+[r][g]hstack[top];[b][w]hstack[bottom];[top][bottom]vstack"
+make cover_rgbw.png -f lavfi -i "$BLOCKS" -frames:v 1 -c:v png -pix_fmt rgb24 -f image2
+make cover_rgbw.jpg -i cover_rgbw.png -c:v mjpeg -q:v 2 -pix_fmt yuvj444p -f image2
+# An odd-sized solid picture (rows of 37 pixels), 0x336699.
+make cover_odd.png -f lavfi -i "color=c=0x336699:s=37x23:d=1,format=rgb24" -frames:v 1 \
+    -c:v png -pix_fmt rgb24 -f image2
+
+make cover_jpeg_3s.mp3 -f lavfi -i "$MARKED" -i cover_rgbw.jpg -map 0:a -map 1:v \
+    -c:a libmp3lame -b:a 128k -c:v copy -disposition:v attached_pic -id3v2_version 3 -f mp3
+make cover_png_3s.flac -f lavfi -i "$MARKED" -i cover_rgbw.png -map 0:a -map 1:v \
+    -c:a flac -c:v copy -disposition:v attached_pic -f flac
+make cover_odd_3s.mp3 -f lavfi -i "$MARKED" -i cover_odd.png -map 0:a -map 1:v \
+    -c:a libmp3lame -b:a 128k -c:v copy -disposition:v attached_pic -id3v2_version 3 -f mp3
+
+# --- Zip archives ---------------------------------------------------------------------------------
+# Ten seconds whose second k (0..9) is a tone of 200 + 100 k Hz, so a position can be heard.
+make steps_10s.mp3 -f lavfi \
+    -i "aevalsrc=exprs=0.25*sin(2*PI*t*(200+100*floor(t))):c=stereo:s=44100:d=10" \
+    -c:a libmp3lame -b:a 128k -f mp3
+
+# zip_archive <archive> <zip options>: steps_10s.mp3 and marked_3s.mp3 at the top and
+# steps_10s.mp3 again as sub/steps_10s.mp3.
+zip_archive() {
+    archive=$1
+    shift
+    [ -e "$archive" ] && return 0
+    work=.tmp.$$.zipwork
+    rm -rf "$work"
+    mkdir -p "$work/sub"
+    cp steps_10s.mp3 marked_3s.mp3 "$work/"
+    cp steps_10s.mp3 "$work/sub/"
+    if ! (cd "$work" && zip -q -X "$@" ../.tmp.$$.zip steps_10s.mp3 marked_3s.mp3 \
+        sub/steps_10s.mp3); then
+        rm -rf "$work" .tmp.$$.zip
+        echo "generate_media.sh: cannot make $archive" >&2
+        exit 1
+    fi
+    rm -rf "$work"
+    mv .tmp.$$.zip "$archive"
+}
+zip_archive book_stored.zip -0
+zip_archive book_deflated.zip -9
+
+# The first 60 % of the stored archive: no central directory.
+if [ ! -e book_corrupt.zip ]; then
+    size=$(wc -c <book_stored.zip)
+    head -c $((size * 60 / 100)) book_stored.zip >.tmp.$$.corrupt.zip
+    mv .tmp.$$.corrupt.zip book_corrupt.zip
+fi

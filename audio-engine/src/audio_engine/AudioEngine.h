@@ -5,7 +5,8 @@
 //   media_open.cpp     opening, closing and releasing the media
 //   caller_stream.cpp  the I/O context over an application's IAudioEngineStream
 //   zip_input.cpp      the I/O context over a zip member
-//   media_info.cpp     tags, chapters and cover of the open media
+//   media_info.cpp     tags and chapters of the open media
+//   cover_art.cpp      the cover picture of the open media
 //   filter_graph.cpp   the tempo / rate / equaliser / output-format filter graph
 //   play_loop.cpp      the play thread and the transport operations
 #ifndef AUDIO_ENGINE_AUDIOENGINE_H
@@ -90,7 +91,20 @@ public:
     static int64_t doSeek(void *opaque, int64_t offset, int whence);
 
     // --- Zip member I/O (zip_input.cpp) --------------------------------------------------------
+    // Splits "archive:#zip(member)", opens the member in zip_reader and attaches a 1 MiB I/O
+    // context over it to formatCtx (allocated here). On failure nothing is attached.
     void addAVIOZipContext(const std::string &path);
+    // The I/O callbacks; opaque is the engine. End of the member reads as AVERROR_EOF.
+    static int AVIOZip_read_packet(void *opaque, uint8_t *buf, int buf_size);
+    static int64_t AVIOZip_seek(void *opaque, int64_t offset, int whence);
+    // Moves in the selected member and returns the reader's position afterwards. Forward moves
+    // skip; a target before the current position restarts the member and skips from its start.
+    int64_t seek_set(int64_t offset);
+    int64_t seek_cur(int64_t offset);
+    int64_t seek_end(int64_t offset);
+    int64_t seek_force(int64_t offset);
+    int64_t seek_size();
+    int read_packet(uint8_t *buf, int size);
 
     // --- Filter graph (filter_graph.cpp) -------------------------------------------------------
     // Builds the graph for `stream` from the current settings: 0 or a negative FFmpeg error.
@@ -107,9 +121,12 @@ public:
     // Platform media-player state; BanSleep(4) precedes state 0.
     void set_mp_state(int s);
 
-    // --- Media information (media_info.cpp) ----------------------------------------------------
+    // --- Media information (media_info.cpp, cover_art.cpp) -------------------------------------
+    // Replaces metadata and chapters with what the open demuxer reports.
     void captureMetadata();
+    // Decodes the attached picture (if any) into `cover` and rewinds the demuxer.
     void read_cover();
+    void read_video_frame();
 
 private:
     // The one place that frees the filter graph and its seven instances.
@@ -120,6 +137,8 @@ private:
     void freeZipIo();
     // Frees the caller-stream I/O context and its buffer.
     void freeStreamIo();
+    // Selects the current zip member again, positioned at its start.
+    void restartZipMember();
 
     // Play-loop helpers (play thread only).
     void runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *packet);
@@ -177,6 +196,7 @@ public:
     std::atomic<bool> equalizerChanged;
 
     int64_t durationMs; // written only by the opening sequence
+    // Guarded by infoMutex: replaced by an open, copied by getMetadata() / getChapters().
     std::map<std::string, std::string> metadata;
     std::vector<Chapter> chapters;
     int coverStreamIndex;
@@ -189,7 +209,9 @@ public:
 
 private:
     std::mutex equalizerMutex; // guards equalizerSettings
+    std::mutex infoMutex;      // guards metadata and chapters
     AVIOContext *zipIoCtx;     // custom I/O over the zip member, attached to formatCtx
+    std::string zip_member;    // the member selected by the last successful Open of zip_reader
     // Mirrors of formatCtx / decoderCtx being set, for the getters and start() on the
     // application's thread while a failing play thread may be releasing the media.
     std::atomic<bool> mediaOpen;

@@ -93,18 +93,6 @@ void AudioEngine::setEqualizerSettings(std::vector<std::pair<int, int>> settings
     equalizerChanged = true;
 }
 
-std::map<std::string, std::string> AudioEngine::getMetadata() {
-    return metadata;
-}
-
-std::vector<AudioEngine::Chapter> AudioEngine::getChapters() {
-    return chapters;
-}
-
-qz_bitmap *AudioEngine::getCover() {
-    return cover.load();
-}
-
 extern "C" AE_EXPORT tavrel::utilities::IAudioEngine *AudioEngine_CreateAudioEngine() {
     try {
         return new AudioEngine();
