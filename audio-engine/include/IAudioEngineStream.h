@@ -21,7 +21,7 @@ public:
 
     // Copies up to `size` bytes at the current position into `buffer` and advances. Returns the
     // number of bytes copied, or a negative FFmpeg error code (AVERROR_EOF at the end). The
-    // result reaches FFmpeg unchanged.
+    // result reaches FFmpeg unchanged, except that 0 is taken as the end of the stream.
     virtual int read(uint8_t *buffer, int size) = 0;
 
     // Moves to `offset` relative to `whence` (0 SEEK_SET, 1 SEEK_CUR, 2 SEEK_END; FFmpeg may add

@@ -142,6 +142,8 @@ private:
 
     // Play-loop helpers (play thread only).
     void runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *packet);
+    void drainAtEndOfMedia(AVFrame *decoded, AVFrame *filtered);
+    void reportNoOutput();
     bool graphNeedsRebuild() const;
     void holdWhilePaused();
     void notifyState();

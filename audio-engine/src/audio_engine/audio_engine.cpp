@@ -4,6 +4,8 @@
 #include "alsa_device.h"
 #include "engine_log.h"
 
+#include <cmath>
+
 AudioEngine::AudioEngine()
     : formatCtx(nullptr), decoderCtx(nullptr), coverDecoderCtx(nullptr), audioStreamIndex(-1),
       state(Stopped), seekRequested(false), seekTargetMs(0), positionMs(-1), lastPositionMs(-1),
@@ -54,8 +56,11 @@ bool AudioEngine::isFileOpened() {
     return mediaOpen.load();
 }
 
+// Settings that no filter could take (NaN, infinities) are ignored; values out of a filter's
+// range make the next graph build fail, which the open and the play loop report.
 void AudioEngine::setTempo(double value) {
-    tempo = value;
+    if (std::isfinite(value))
+        tempo = value;
 }
 
 double AudioEngine::getTempo() {
@@ -63,7 +68,8 @@ double AudioEngine::getTempo() {
 }
 
 void AudioEngine::setSampleRateMultiplier(double multiplier) {
-    sampleRateMultiplier = multiplier;
+    if (std::isfinite(multiplier))
+        sampleRateMultiplier = multiplier;
 }
 
 double AudioEngine::getSampleRateMultiplier() {

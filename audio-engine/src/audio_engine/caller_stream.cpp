@@ -62,7 +62,9 @@ int AudioEngine::doReadPacket(void *opaque, uint8_t *buf, int buf_size) {
     AudioEngine *engine = static_cast<AudioEngine *>(opaque);
     int res = engine->stream->read(buf, buf_size);
     fprintf(stderr, "doReadPacket called buf_size = %d, res = %d\n", buf_size, res);
-    return res;
+    // FFmpeg 5 and later retry a read of 0 bytes forever: a stream that has nothing more to
+    // give has reached its end.
+    return res == 0 && buf_size > 0 ? AVERROR_EOF : res;
 }
 
 int64_t AudioEngine::doSeek(void *opaque, int64_t offset, int whence) {

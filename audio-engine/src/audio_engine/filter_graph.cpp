@@ -8,6 +8,7 @@
 // The sink always delivers packed S16 stereo at 44100 Hz.
 #include "AudioEngine.h"
 
+#include "alsa_device.h"
 #include "engine_log.h"
 
 extern "C" {
@@ -19,6 +20,8 @@ extern "C" {
 #include <libavutil/samplefmt.h>
 }
 
+#include <algorithm>
+#include <climits>
 #include <cstdio>
 #include <string>
 
@@ -116,12 +119,15 @@ int AudioEngine::init_filter_graph(AVFormatContext * /*format*/, AVStream *audio
     }
     graphTempo = t;
 
-    // Equaliser, only with points; they go in as given, neither sorted nor checked.
+    // Equaliser, only with points. The filter wants its entries in ascending frequency, so
+    // the points are ordered by frequency (equal frequencies keep their given order).
     std::vector<std::pair<int, int>> points;
     {
         std::lock_guard<std::mutex> lock(equalizerMutex);
         points = equalizerSettings;
     }
+    std::stable_sort(points.begin(), points.end(),
+                     [](const auto &a, const auto &b) { return a.first < b.first; });
     if (!points.empty()) {
         std::string gains = "gain_entry='";
         char entry[64];
@@ -141,7 +147,11 @@ int AudioEngine::init_filter_graph(AVFormatContext * /*format*/, AVStream *audio
 
     // Rate stage: the stream's rate times the multiplier, truncated.
     const double multiplier = sampleRateMultiplier.load();
-    const int rate = static_cast<int>(par->sample_rate * multiplier);
+    // Kept within int so the conversion is defined; asetrate refuses what it cannot run.
+    const double scaled = par->sample_rate * multiplier;
+    const int rate = scaled >= INT_MAX   ? INT_MAX
+                     : scaled <= INT_MIN ? INT_MIN
+                                         : static_cast<int>(scaled);
     snprintf(args, sizeof args, "%d", rate);
     ret = createFilter(&asetrateCtx, asetrate, "samplerate", args, filterGraph);
     if (ret < 0) {
@@ -188,6 +198,10 @@ int AudioEngine::init_filter_graph(AVFormatContext * /*format*/, AVStream *audio
         AE_LOG(2, "%s", "error configuring the filter graph");
         return ret;
     }
+    // One filtered frame fills one output piece: decoders of lossy formats hand out short
+    // frames, and a piece (with its wake-up of the output thread) for each would cost more CPU
+    // than the filtering itself.
+    av_buffersink_set_frame_size(abuffersinkCtx, ABUF_PIECE_MAX_FRAMES);
     return 0;
 }
 

@@ -31,6 +31,13 @@ int AudioEngine::openFile(const std::string &path) {
 
 int AudioEngine::openFileInt(const std::string &path, AVIOContext *io) {
     AE_LOG(4, "Open file %s", path.c_str());
+    {
+        // A position or seek left from the previous media means nothing in the next one.
+        std::lock_guard<std::mutex> lock(engineMutex);
+        positionMs = -1;
+        lastPositionMs = -1;
+        seekRequested = false;
+    }
     try {
         if (formatCtx)
             cleanup();

@@ -232,8 +232,10 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
     AVStream *audio = formatCtx->streams[audioStreamIndex];
 
     for (;;) {
-        if (av_read_frame(formatCtx, packet) < 0)
-            return; // end of media or read error
+        if (av_read_frame(formatCtx, packet) < 0) {
+            drainAtEndOfMedia(decoded, filtered); // end of media or read error
+            return;
+        }
         if (packet->stream_index != audioStreamIndex) {
             av_packet_unref(packet);
             continue;
@@ -276,14 +278,7 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
                 }
                 if (sendToOutput(filtered) == kOutputGone) {
                     av_frame_unref(filtered);
-                    AE_LOG(2, "%s", "No output device");
-                    {
-                        std::lock_guard<std::mutex> lock(engineMutex);
-                        state = Stopped;
-                        positionMs = -1;
-                    }
-                    if (errorCb)
-                        errorCb(tavrel::utilities::IAudioEngine::NoOutputDevice);
+                    reportNoOutput();
                     break;
                 }
                 outputPass = true;
@@ -302,6 +297,7 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
                 break;
             }
 
+            bool sought = false;
             if (outputPass) {
                 std::lock_guard<std::mutex> lock(engineMutex);
                 if (seekRequested) {
@@ -312,6 +308,11 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
                         AE_LOG(2, "%s", "Failed to av_seek_frame");
                     avcodec_flush_buffers(decoderCtx);
                     seekRequested = false;
+                    // The position is the target from now on, not what the filters still
+                    // hold from before the seek.
+                    positionMs = seekTargetMs / 1000 * 1000;
+                    lastPositionMs = positionMs;
+                    sought = true;
                 } else {
                     if (havePosition) {
                         positionMs = wholeSecondsMs(lastTimestamp, audio->time_base);
@@ -320,6 +321,9 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
                     notifyPositionLocked();
                 }
             }
+            // Audio from before the seek still in the filters is dropped with the old graph.
+            if (sought && reconfigure_filter_graph(formatCtx, audio) < 0)
+                throw FfmpegError("Failed to rebuild the filter graph");
         } while (sent == AVERROR(EAGAIN));
 
         av_packet_unref(packet);
@@ -327,6 +331,43 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
             set_mp_state(kMpEnded);
             notifyState();
             AE_LOG(4, "%s", "Break on stopped");
+            return;
+        }
+    }
+}
+
+void AudioEngine::reportNoOutput() {
+    AE_LOG(2, "%s", "No output device");
+    {
+        std::lock_guard<std::mutex> lock(engineMutex);
+        state = Stopped;
+        positionMs = -1;
+    }
+    if (errorCb)
+        errorCb(tavrel::utilities::IAudioEngine::NoOutputDevice);
+}
+
+// At the end of the media the decoder and the filters still hold audio (the decoder's delay,
+// the tempo filter's window, a partly filled output frame): it is played too, so no track
+// loses its last fraction of a second.
+void AudioEngine::drainAtEndOfMedia(AVFrame *decoded, AVFrame *filtered) {
+    if (state.load() == Stopped)
+        return;
+    if (avcodec_send_packet(decoderCtx, nullptr) >= 0) {
+        while (avcodec_receive_frame(decoderCtx, decoded) >= 0) {
+            const int written = av_buffersrc_write_frame(abufferCtx, decoded);
+            av_frame_unref(decoded);
+            if (written < 0)
+                break;
+        }
+    }
+    if (av_buffersrc_add_frame(abufferCtx, nullptr) < 0)
+        return;
+    while (state.load() != Stopped && av_buffersink_get_frame(abuffersinkCtx, filtered) >= 0) {
+        const int sent = sendToOutput(filtered);
+        av_frame_unref(filtered);
+        if (sent == kOutputGone) {
+            reportNoOutput();
             return;
         }
     }
