@@ -1,6 +1,7 @@
 // Members of zip archives, through IAudioEngine: "archive:#zip(member)" plays exactly as the
 // file itself, seeks inside stored and deflated members, and every way of naming a member that
 // is not there fails like a missing file without spoiling the next open.
+#include <malloc.h>
 #include <cmath>
 #include <cstdio>
 #include <string>
@@ -18,8 +19,13 @@ std::string memberPath(const std::string &archive, const std::string &member) {
     return media_path(archive) + ":#zip(" + member + ")";
 }
 
-// Resident memory of this process in KiB.
+// Memory held by this process in KiB: resident pages, or under a user-mode emulator, which
+// reports its own pages instead, the heap in use.
 long residentKiB() {
+#ifdef AE_TEST_EMULATED
+    const struct mallinfo2 info = mallinfo2();
+    return static_cast<long>((info.uordblks + info.hblkhd) / 1024);
+#endif
     FILE *f = fopen("/proc/self/statm", "r");
     if (f == nullptr)
         return 0;

@@ -337,9 +337,9 @@ int main(int argc, char **argv) {
             const bool grew = rss - baseline > o.growthKb;
             printf("soak: %4ld s  rss %ld KiB (start %ld, baseline %ld, %+ld)  calls %ld  "
                    "track ends %ld  state notices %ld  positions %ld  violations %ld%s\n",
-                   nowMs() / 1000, rss, startRss, baseline, rss - baseline, ops.load(), ended,
-                   events.stateChanged.load(), events.positionChanged.load(), violations.load(),
-                   grew ? "  MEMORY GREW" : "");
+                   static_cast<long>(nowMs() / 1000), rss, startRss, baseline, rss - baseline,
+                   ops.load(), ended, events.stateChanged.load(), events.positionChanged.load(),
+                   violations.load(), grew ? "  MEMORY GREW" : "");
             fflush(stdout);
             if (grew)
                 failed = true;
@@ -365,7 +365,7 @@ int main(int argc, char **argv) {
     }
     printf("soak: %s after %ld s: %ld calls, %ld track ends, rss %ld KiB (baseline %ld, peak "
            "%ld), %ld violations\n",
-           failed ? "FAILED" : "passed", nowMs() / 1000, ops.load(), ended, rssKb(), baseline, peak,
-           violations.load());
+           failed ? "FAILED" : "passed", static_cast<long>(nowMs() / 1000), ops.load(), ended,
+           rssKb(), baseline, peak, violations.load());
     return failed ? 1 : 0;
 }

@@ -39,6 +39,8 @@ struct AVPacket;
 struct AVStream;
 }
 
+struct abuf_piece;
+
 class AudioEngine final : public tavrel::utilities::IAudioEngine {
 public:
     using ErrorType = tavrel::utilities::IAudioEngine::ErrorType;
@@ -118,6 +120,7 @@ public:
     // Copies a filtered frame into output pieces and pushes them: 0 (also when stopped before
     // the audio went out), -19 when the output is gone, else the last push_output_buffer result.
     int sendToOutput(AVFrame *frame);
+    int pushFilledPiece();
     // Platform media-player state; BanSleep(4) precedes state 0.
     void set_mp_state(int s);
 
@@ -144,6 +147,12 @@ private:
     void runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *packet);
     void drainAtEndOfMedia(AVFrame *decoded, AVFrame *filtered);
     void reportNoOutput();
+
+    // The output piece being filled and how many frames it holds (play thread only). Pieces
+    // are pushed full: decoders of lossy formats hand out short frames, and a piece, with its
+    // wake-up of the output thread, for each would cost more than the filtering.
+    abuf_piece *fillingPiece = nullptr;
+    int fillingFrames = 0;
     bool graphNeedsRebuild() const;
     void holdWhilePaused();
     void notifyState();

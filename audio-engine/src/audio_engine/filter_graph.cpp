@@ -8,7 +8,6 @@
 // The sink always delivers packed S16 stereo at 44100 Hz.
 #include "AudioEngine.h"
 
-#include "alsa_device.h"
 #include "engine_log.h"
 
 extern "C" {
@@ -198,10 +197,6 @@ int AudioEngine::init_filter_graph(AVFormatContext * /*format*/, AVStream *audio
         AE_LOG(2, "%s", "error configuring the filter graph");
         return ret;
     }
-    // One filtered frame fills one output piece: decoders of lossy formats hand out short
-    // frames, and a piece (with its wake-up of the output thread) for each would cost more CPU
-    // than the filtering itself.
-    av_buffersink_set_frame_size(abuffersinkCtx, ABUF_PIECE_MAX_FRAMES);
     return 0;
 }
 

@@ -171,6 +171,8 @@ void AudioEngine::playLoop() {
     AE_LOG(4, "%s", "PlayLoop");
     set_mp_state(kMpPlaying);
     init_alsa_output();
+    fillingPiece = nullptr; // a piece left unpushed by an earlier run is simply filled again
+    fillingFrames = 0;
 
     AVFrame *decoded = nullptr;
     AVFrame *filtered = nullptr;
@@ -361,16 +363,18 @@ void AudioEngine::drainAtEndOfMedia(AVFrame *decoded, AVFrame *filtered) {
                 break;
         }
     }
-    if (av_buffersrc_add_frame(abufferCtx, nullptr) < 0)
-        return;
-    while (state.load() != Stopped && av_buffersink_get_frame(abuffersinkCtx, filtered) >= 0) {
-        const int sent = sendToOutput(filtered);
-        av_frame_unref(filtered);
-        if (sent == kOutputGone) {
-            reportNoOutput();
-            return;
+    if (av_buffersrc_add_frame(abufferCtx, nullptr) >= 0) {
+        while (state.load() != Stopped && av_buffersink_get_frame(abuffersinkCtx, filtered) >= 0) {
+            const int sent = sendToOutput(filtered);
+            av_frame_unref(filtered);
+            if (sent == kOutputGone) {
+                reportNoOutput();
+                return;
+            }
         }
     }
+    if (state.load() != Stopped && pushFilledPiece() == kOutputGone)
+        reportNoOutput();
 }
 
 // --- Output --------------------------------------------------------------------------------------
@@ -386,43 +390,52 @@ int AudioEngine::sendToOutput(AVFrame *frame) {
     const bool planar = av_sample_fmt_is_planar(format) != 0;
     const int bytesPerFrame = 2 * size; // the piece always holds left and right
     const int capacity = ABUF_PIECE_BYTES / bytesPerFrame;
-    int result = 0;
 
-    // A frame longer than one piece continues in the next ones, in order.
+    // Frames are gathered into the piece being filled; a frame longer than the room left
+    // continues in the next pieces, in order.
     for (int done = 0; done < total;) {
-        // Wait for a free piece. An output layer that has stopped releases no piece any more:
-        // it is reported as gone, as pushing would.
-        abuf_piece *piece = get_output_buffer();
-        bool timedOut = false;
-        bool outputStopped = false;
-        for (int polls = 0; !piece; piece = get_output_buffer()) {
+        if (fillingPiece && fillingPiece->samplerate != frame->sample_rate) {
+            const int pushed = pushFilledPiece();
+            if (pushed == kOutputGone)
+                return pushed;
+        }
+        if (!fillingPiece) {
+            // Wait for a free piece. An output layer that has stopped releases no piece any
+            // more: it is reported as gone, as pushing would.
+            abuf_piece *piece = get_output_buffer();
+            bool timedOut = false;
+            bool outputStopped = false;
+            for (int polls = 0; !piece; piece = get_output_buffer()) {
+                if (state.load() == Stopped)
+                    return 0;
+                if (alsa_output_working() == 0) {
+                    outputStopped = true;
+                    break;
+                }
+                if (++polls > kMaxPiecePolls) {
+                    timedOut = true;
+                    break;
+                }
+                usleep(kPollUs);
+            }
+
+            holdWhilePaused();
             if (state.load() == Stopped)
                 return 0;
-            if (alsa_output_working() == 0) {
-                outputStopped = true;
-                break;
+            if (timedOut) {
+                AE_LOG(2, "%s", "Alsa buffer error");
+                return kOutputGone;
             }
-            if (++polls > kMaxPiecePolls) {
-                timedOut = true;
-                break;
-            }
-            usleep(kPollUs);
+            if (outputStopped)
+                return kOutputGone;
+            fillingPiece = piece;
+            fillingPiece->samplerate = frame->sample_rate;
+            fillingFrames = 0;
         }
 
-        holdWhilePaused();
-        if (state.load() == Stopped)
-            return 0;
-        if (timedOut) {
-            AE_LOG(2, "%s", "Alsa buffer error");
-            return kOutputGone;
-        }
-        if (outputStopped)
-            return kOutputGone;
-
-        const int count = total - done < capacity ? total - done : capacity;
-        piece->samplerate = frame->sample_rate;
-        piece->frames = count;
-        uint8_t *out = piece->data;
+        const int room = capacity - fillingFrames;
+        const int count = total - done < room ? total - done : room;
+        uint8_t *out = fillingPiece->data + static_cast<size_t>(fillingFrames) * bytesPerFrame;
 
         if (channels == 2 && !planar) {
             // Interleaved left/right already: one block.
@@ -448,11 +461,26 @@ int AudioEngine::sendToOutput(AVFrame *frame) {
             AE_LOG(2, "%s", "Unsupported channels no");
             memset(out, 0, static_cast<size_t>(count) * bytesPerFrame);
         }
-
-        result = push_output_buffer(piece);
-        if (result == kOutputGone)
-            return result;
+        fillingFrames += count;
         done += count;
+
+        if (fillingFrames == capacity) {
+            const int pushed = pushFilledPiece();
+            if (pushed == kOutputGone)
+                return pushed;
+        }
     }
-    return result;
+    return 0;
+}
+
+// Hands the piece being filled to the output layer, full or not: 0, or -19 once the output
+// has stopped.
+int AudioEngine::pushFilledPiece() {
+    if (!fillingPiece)
+        return 0;
+    fillingPiece->frames = fillingFrames;
+    const int result = push_output_buffer(fillingPiece);
+    fillingPiece = nullptr;
+    fillingFrames = 0;
+    return result == kOutputGone ? kOutputGone : 0;
 }
