@@ -1,4 +1,6 @@
 // Hardware volume: the 0..100 mapping onto the control's range both ways, and the ramp.
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "output_fixture.h"
@@ -19,40 +21,31 @@ protected:
     }
 };
 
+// The 0..100 volume onto the control's range (capped and floored) and a control value back.
 TEST_F(MixerTest, VolumeMapsOntoTheControlRangeAndBack) {
-    vcard_set_mixer_range(0, 255);
-    ASSERT_EQ(AlsaMixerInit("mpd_volume"), 0);
-    EXPECT_EQ(set_and_read_control(50), 127);
-    EXPECT_EQ(set_and_read_control(100), 255);
-    EXPECT_EQ(set_and_read_control(0), 0);
-    EXPECT_EQ(set_and_read_control(101), 255) << "capped at the top of the range";
-    EXPECT_EQ(set_and_read_control(-1), 0) << "floored at the bottom of the range";
-
-    vcard_set_mixer_value(127);
-    long volume = -5;
-    ASSERT_EQ(AlsaMixerGetVolume(&volume), 0);
-    EXPECT_EQ(volume, 49);
-}
-
-TEST_F(MixerTest, NarrowRangeWithAnOffset) {
-    vcard_set_mixer_range(10, 20);
-    ASSERT_EQ(AlsaMixerInit("mpd_volume"), 0);
-    EXPECT_EQ(set_and_read_control(55), 15);
-    EXPECT_EQ(set_and_read_control(100), 20);
-    EXPECT_EQ(set_and_read_control(0), 10);
-    vcard_set_mixer_value(17);
-    long volume = 0;
-    ASSERT_EQ(AlsaMixerGetVolume(&volume), 0);
-    EXPECT_EQ(volume, 70);
-}
-
-TEST_F(MixerTest, EmptyRangeReadsAsZero) {
-    vcard_set_mixer_range(5, 5);
-    vcard_set_mixer_value(5);
-    ASSERT_EQ(AlsaMixerInit("mpd_volume"), 0);
-    long volume = 42;
-    ASSERT_EQ(AlsaMixerGetVolume(&volume), 0);
-    EXPECT_EQ(volume, 0);
+    const struct {
+        long min, max;
+        std::vector<std::pair<int, long>> sets; // volume set -> control value
+        long value;
+        long read; // volume read back from `value`
+    } cases[] = {
+        {0, 255, {{50, 127}, {100, 255}, {0, 0}, {101, 255}, {-1, 0}}, 127, 49},
+        {10, 20, {{55, 15}, {100, 20}, {0, 10}}, 17, 70},
+        {5, 5, {}, 5, 0}, // an empty range reads as 0
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::to_string(c.min) + ".." + std::to_string(c.max));
+        vcard_setup();
+        vcard_set_mixer_range(c.min, c.max);
+        ASSERT_EQ(AlsaMixerInit("mpd_volume"), 0);
+        for (const auto &set : c.sets)
+            EXPECT_EQ(set_and_read_control(set.first), set.second) << "volume " << set.first;
+        vcard_set_mixer_value(c.value);
+        long volume = -5;
+        ASSERT_EQ(AlsaMixerGetVolume(&volume), 0);
+        EXPECT_EQ(volume, c.read);
+        AlsaMixerDestroy();
+    }
 }
 
 TEST_F(MixerTest, MissingControlOrMissingInit) {

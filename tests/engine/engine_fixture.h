@@ -15,16 +15,11 @@
 #include <gtest/gtest.h>
 
 #include "IAudioEngine.h"
-#include "IAudioEngineStream.h"
 #include "alsa_device.h"
 #include "host_platform.h"
+#include "memory_stream.h"
 #include "test_support.h"
 #include "vcard.h"
-
-extern "C" {
-#include <libavformat/avio.h>
-#include <libavutil/error.h>
-}
 
 namespace engine_test {
 
@@ -151,78 +146,6 @@ protected:
     std::vector<Note> notes_;
 };
 
-// A caller stream over a file read into memory, with faults on demand.
-class MemoryStream : public tavrel::utilities::IAudioEngineStream {
-public:
-    explicit MemoryStream(const std::string &path) {
-        FILE *f = fopen(path.c_str(), "rb");
-        if (f == nullptr)
-            return;
-        uint8_t chunk[4096];
-        size_t n;
-        while ((n = fread(chunk, 1, sizeof chunk, f)) > 0)
-            bytes_.insert(bytes_.end(), chunk, chunk + n);
-        fclose(f);
-    }
-
-    // Reads past `offset` answer `error`.
-    void failReadsFrom(size_t offset, int error) {
-        failFrom_ = offset;
-        readError_ = error;
-    }
-    // Every seek (size queries included) answers -1.
-    void refuseSeeks() { seekable_ = false; }
-
-    int read(uint8_t *buffer, int size) override {
-        ++reads;
-        if (pos_ >= failFrom_)
-            return readError_;
-        if (pos_ >= bytes_.size())
-            return AVERROR_EOF;
-        size_t n = std::min(bytes_.size() - pos_, static_cast<size_t>(size));
-        n = std::min(n, failFrom_ - pos_);
-        std::copy(bytes_.begin() + pos_, bytes_.begin() + pos_ + n, buffer);
-        pos_ += n;
-        return static_cast<int>(n);
-    }
-
-    int seek(int64_t offset, int whence) override {
-        ++seeks;
-        if (!seekable_)
-            return -1;
-        const int64_t size = static_cast<int64_t>(bytes_.size());
-        int64_t target;
-        switch (whence & ~AVSEEK_FORCE) {
-        case AVSEEK_SIZE:
-            return static_cast<int>(size);
-        case SEEK_SET:
-            target = offset;
-            break;
-        case SEEK_CUR:
-            target = static_cast<int64_t>(pos_) + offset;
-            break;
-        case SEEK_END:
-            target = size + offset;
-            break;
-        default:
-            return -1;
-        }
-        if (target < 0 || target > size)
-            return -1;
-        pos_ = static_cast<size_t>(target);
-        return static_cast<int>(target);
-    }
-
-    size_t size() const { return bytes_.size(); }
-    std::atomic<int> reads{0};
-    std::atomic<int> seeks{0};
-
-private:
-    std::vector<uint8_t> bytes_;
-    size_t pos_ = 0;
-    size_t failFrom_ = SIZE_MAX;
-    int readError_ = AVERROR(EIO);
-    bool seekable_ = true;
-};
+using ae_test::MemoryStream;
 
 } // namespace engine_test

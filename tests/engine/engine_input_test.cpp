@@ -106,6 +106,8 @@ TEST_F(EngineTest, StreamFailingFromTheStartDoesNotOpen) {
     EXPECT_EQ(engine_->openWithStream(&stream), -1);
     EXPECT_TRUE(log.contains(2, "Failed to open dummyfilename")) << log.dump();
     EXPECT_FALSE(engine_->isFileOpened());
+    EXPECT_EQ(engine_->start(), -1);
+    EXPECT_TRUE(notes().empty());
     // The next stream opens on a fresh I/O context.
     MemoryStream good(media_path("tone440_3s.wav"));
     EXPECT_EQ(engine_->openWithStream(&good), 0);

@@ -22,19 +22,6 @@ namespace {
 
 using ae_test::media_path;
 
-std::vector<uint8_t> fileBytes(const std::string &path) {
-    std::vector<uint8_t> bytes;
-    FILE *f = fopen(path.c_str(), "rb");
-    if (f == nullptr)
-        return bytes;
-    uint8_t chunk[65536];
-    size_t n;
-    while ((n = fread(chunk, 1, sizeof chunk, f)) > 0)
-        bytes.insert(bytes.end(), chunk, chunk + n);
-    fclose(f);
-    return bytes;
-}
-
 class EngineInternalsTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -68,7 +55,7 @@ class EngineZipSeekOpsTest : public EngineInternalsTest,
                              public ::testing::WithParamInterface<const char *> {};
 
 TEST_P(EngineZipSeekOpsTest, EverySeekLandsOnTheRightByte) {
-    const std::vector<uint8_t> file = fileBytes(media_path("steps_10s.mp3"));
+    const std::vector<uint8_t> file = ae_test::read_file(media_path("steps_10s.mp3"));
     ASSERT_GT(file.size(), 100000u);
     const int64_t size = static_cast<int64_t>(file.size());
     ASSERT_EQ(engine_->openFile(media_path(GetParam()) + ":#zip(sub/steps_10s.mp3)"), 0);

@@ -288,11 +288,18 @@ TEST_F(EngineTransportTest, SeekWhilePlayingSkipsAhead) {
 
 // --- Failures during playback -----------------------------------------------------------------
 
-// The device goes away mid-track: the loop reports NoOutputDevice once the state is Stopped,
-// then notifies the stop from its stop check, packet end and exit.
-TEST_F(EngineTransportTest, DeviceGoneMidTrack) {
+// The device is missing when the output opens it, or goes away mid-track: the loop reports
+// NoOutputDevice once the state is Stopped, then notifies the stop from its stop check, packet
+// end and exit; the media stays open.
+class EngineDeviceLostTest : public EngineTransportTest,
+                             public ::testing::WithParamInterface<bool> {};
+
+TEST_P(EngineDeviceLostTest, StopsWithNoOutputDevice) {
     LogCapture log;
-    vcard_fail_write_after(-ENODEV, kRate);
+    if (GetParam())
+        vcard_fail_write_after(-ENODEV, kRate);
+    else
+        vcard_fail_open(-ENODEV, -1);
     ASSERT_EQ(engine_->openFile(media_path("tone440_10s.mp3")), 0);
     ASSERT_EQ(engine_->start(), 0);
     ASSERT_TRUE(wait_until([this] { return threadsOf('S') == "cppp"; }, 10000)) << sequence();
@@ -312,6 +319,11 @@ TEST_F(EngineTransportTest, DeviceGoneMidTrack) {
     EXPECT_EQ(threadsOf('S'), "cpppc");
 }
 
+INSTANTIATE_TEST_SUITE_P(Device, EngineDeviceLostTest, ::testing::Bool(),
+                         [](const ::testing::TestParamInfo<bool> &info) {
+                             return std::string(info.param ? "GoneMidTrack" : "MissingAtOpen");
+                         });
+
 // A failure inside the loop (here: a tempo that the filter refuses, set on the first position
 // report) closes the media and ends Finished like the end of the media.
 TEST_F(EngineTransportTest, LoopFailureClosesTheMediaAndFinishes) {
@@ -322,13 +334,25 @@ TEST_F(EngineTransportTest, LoopFailureClosesTheMediaAndFinishes) {
             engine_->setTempo(0.1);
     });
     playToEnd("tone440_3s.wav");
-    engine_->setTempo(1.0);
     EXPECT_FALSE(engine_->isFileOpened());
     EXPECT_EQ(engine_->getPosition(), 3000);
     expectFinishedSequence();
     EXPECT_TRUE(endsWith(platformCalls(), "B4 S0 "));
     EXPECT_EQ(engine_->start(), -1);
     engine_->closeFile();
+    // An open builds the same graph and fails with it.
+    LogCapture log;
+    EXPECT_EQ(engine_->openFile(media_path("tone440_3s.wav")), -1);
+    EXPECT_TRUE(log.contains(2, "error initializing tempo filter")) << log.dump();
+    EXPECT_FALSE(engine_->isFileOpened());
+    engine_->setTempo(1.0);
+}
+
+// Destroying a playing engine stops and joins its play thread.
+TEST_F(EngineTransportTest, DestroyWhilePlaying) {
+    startPlaying("tone440_10s.mp3", 1.0);
+    AudioEngine_DestroyAudioEngine(engine_);
+    engine_ = nullptr;
 }
 
 // --- Concurrency ------------------------------------------------------------------------------

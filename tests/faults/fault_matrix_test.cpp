@@ -20,15 +20,10 @@
 #include <unistd.h>
 
 #include "IAudioEngine.h"
-#include "IAudioEngineStream.h"
 #include "alsa_device.h"
+#include "memory_stream.h"
 #include "test_support.h"
 #include "vcard.h"
-
-extern "C" {
-#include <libavformat/avio.h>
-#include <libavutil/error.h>
-}
 
 namespace {
 
@@ -40,98 +35,9 @@ using tavrel::utilities::IAudioEngine;
 const int kRate = 44100;
 const int kRowDeadlineMs = 30000;
 
-std::vector<uint8_t> readFile(const std::string &path) {
-    std::vector<uint8_t> bytes;
-    FILE *f = fopen(path.c_str(), "rb");
-    if (f == nullptr)
-        return bytes;
-    uint8_t chunk[65536];
-    size_t n;
-    while ((n = fread(chunk, 1, sizeof chunk, f)) > 0)
-        bytes.insert(bytes.end(), chunk, chunk + n);
-    fclose(f);
-    return bytes;
-}
-
-bool writeFile(const std::string &path, const std::vector<uint8_t> &bytes) {
-    FILE *f = fopen(path.c_str(), "wb");
-    if (f == nullptr)
-        return false;
-    const bool ok = fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
-    return fclose(f) == 0 && ok;
-}
-
-// A caller stream over a media file held in memory, with the faults of the matrix. After
-// retire() any call counts as a use of a stream the engine no longer owns.
-class FaultStream : public tavrel::utilities::IAudioEngineStream {
-public:
-    enum Mode { Normal, ReadError, ReadZero };
-
-    explicit FaultStream(const std::string &path) : bytes_(readFile(path)) {}
-    // From byte `offset` on, reads answer AVERROR(EIO) (ReadError) or 0 (ReadZero).
-    void failFrom(size_t offset, Mode mode) {
-        failFrom_ = offset;
-        mode_ = mode;
-    }
-    void refuseSeeks() { seekable_ = false; }
-    void retire() { retired_ = true; }
-
-    int read(uint8_t *buffer, int size) override {
-        if (retired_)
-            ++usesAfterRetire;
-        ++reads;
-        if (mode_ != Normal && pos_ >= failFrom_)
-            return mode_ == ReadError ? AVERROR(EIO) : 0;
-        if (pos_ >= bytes_.size())
-            return AVERROR_EOF;
-        size_t n = std::min(bytes_.size() - pos_, static_cast<size_t>(size));
-        if (mode_ != Normal)
-            n = std::min(n, failFrom_ - pos_);
-        memcpy(buffer, bytes_.data() + pos_, n);
-        pos_ += n;
-        return static_cast<int>(n);
-    }
-
-    int seek(int64_t offset, int whence) override {
-        if (retired_)
-            ++usesAfterRetire;
-        ++seeks;
-        if (!seekable_)
-            return -1;
-        const int64_t size = static_cast<int64_t>(bytes_.size());
-        int64_t target;
-        switch (whence & ~AVSEEK_FORCE) {
-        case AVSEEK_SIZE:
-            return static_cast<int>(size);
-        case SEEK_SET:
-            target = offset;
-            break;
-        case SEEK_CUR:
-            target = static_cast<int64_t>(pos_) + offset;
-            break;
-        case SEEK_END:
-            target = size + offset;
-            break;
-        default:
-            return -1;
-        }
-        if (target < 0 || target > size)
-            return -1;
-        pos_ = static_cast<size_t>(target);
-        return static_cast<int>(target);
-    }
-
-    size_t size() const { return bytes_.size(); }
-    std::atomic<int> reads{0}, seeks{0}, usesAfterRetire{0};
-
-private:
-    std::vector<uint8_t> bytes_;
-    size_t pos_ = 0;
-    size_t failFrom_ = SIZE_MAX;
-    Mode mode_ = Normal;
-    bool seekable_ = true;
-    std::atomic<bool> retired_{false};
-};
+using ae_test::read_file;
+using ae_test::write_file;
+using FaultStream = ae_test::MemoryStream;
 
 class FaultTest;
 
@@ -253,21 +159,8 @@ protected:
         log.reset();
     }
 
-    // Runs `body` on a thread of its own and fails the whole process when it does not return
-    // in time: a hang must not pass as a slow test.
     static void joined(const std::string &what, const std::function<void()> &body) {
-        std::atomic<bool> done{false};
-        std::thread runner([&] {
-            body();
-            done = true;
-        });
-        if (!wait_until([&] { return done.load(); }, kRowDeadlineMs, 10)) {
-            fprintf(stderr, "FAULT ROW HUNG: %s did not return within %d ms\n", what.c_str(),
-                    kRowDeadlineMs);
-            fflush(stderr);
-            std::abort();
-        }
-        runner.join();
+        ae_test::run_with_deadline("fault row " + what, kRowDeadlineMs, body);
     }
 
     void note(char kind) {
@@ -452,28 +345,9 @@ std::vector<Fault> rows() {
                  }});
 
     // --- Caller streams --------------------------------------------------------------------------
-    r.push_back({"StreamReadFailsAtStart", nullptr, [](FaultTest &t) {
-                     FaultStream s(media_path(kShortMp3));
-                     s.failFrom(0, FaultStream::ReadError);
-                     EXPECT_EQ(t.engine->openWithStream(&s), -1);
-                     EXPECT_TRUE(t.log->contains(2, "Failed to open")) << t.logDump();
-                     EXPECT_FALSE(t.engine->isFileOpened());
-                     EXPECT_EQ(t.engine->start(), -1);
-                     EXPECT_EQ(t.sequence(), "");
-                     t.engine->closeFile();
-                 }});
-    r.push_back({"StreamReadFailsInTheMiddle", nullptr, [](FaultTest &t) {
-                     FaultStream s(media_path(kLongMp3));
-                     s.failFrom(s.size() / 2, FaultStream::ReadError);
-                     ASSERT_EQ(t.engine->openWithStream(&s), 0) << t.logDump();
-                     t.expectPlaysToEnd();
-                     EXPECT_GE(vcard_captured_frames(), size_t(4 * kRate));
-                     EXPECT_LE(vcard_captured_frames(), size_t(6 * kRate));
-                     t.engine->closeFile();
-                 }});
     r.push_back({"StreamReadsZeroForeverFromStart", nullptr, [](FaultTest &t) {
                      FaultStream s(media_path(kShortMp3));
-                     s.failFrom(0, FaultStream::ReadZero);
+                     s.failReadsFrom(0, 0);
                      EXPECT_EQ(t.engine->openWithStream(&s), -1);
                      EXPECT_TRUE(t.log->contains(2, "Failed to open")) << t.logDump();
                      EXPECT_LT(s.reads.load(), 1000);
@@ -481,7 +355,7 @@ std::vector<Fault> rows() {
                  }});
     r.push_back({"StreamReadsZeroForeverInTheMiddle", nullptr, [](FaultTest &t) {
                      FaultStream s(media_path(kLongMp3));
-                     s.failFrom(s.size() / 2, FaultStream::ReadZero);
+                     s.failReadsFrom(s.size() / 2, 0);
                      ASSERT_EQ(t.engine->openWithStream(&s), 0) << t.logDump();
                      t.expectPlaysToEnd();
                      EXPECT_GE(vcard_captured_frames(), size_t(4 * kRate));
@@ -524,7 +398,7 @@ std::vector<Fault> rows() {
                      // Half the member's data is cut out of a stored archive whose directory is
                      // moved to match: the member ends early inside the archive.
                      const std::string archive = makeZip(t, "trunc.zip", "-0", {kSteps}, false);
-                     std::vector<uint8_t> b = readFile(archive);
+                     std::vector<uint8_t> b = read_file(archive);
                      ASSERT_GT(b.size(), 100000u);
                      const size_t eocd = eocdOffset(b);
                      ASSERT_NE(eocd, SIZE_MAX);
@@ -536,7 +410,7 @@ std::vector<Fault> rows() {
                      const size_t newEocd = eocd - cut;
                      for (int i = 0; i < 4; ++i)
                          b[newEocd + 16 + i] = static_cast<uint8_t>(moved >> (8 * i));
-                     ASSERT_TRUE(writeFile(archive, b));
+                     ASSERT_TRUE(write_file(archive, b));
                      const std::string path = archive + ":#zip(" + kSteps + ")";
                      const int opened = t.engine->openFile(path);
                      if (opened != 0) {
@@ -552,16 +426,9 @@ std::vector<Fault> rows() {
                      EXPECT_LE(vcard_captured_frames(), size_t(8 * kRate)) << join(f);
                      EXPECT_GE(vcard_captured_frames(), size_t(6 * kRate)) << join(f);
                  }});
-    r.push_back({"ZipArchiveTruncated", nullptr, [](FaultTest &t) {
-                     const std::string path =
-                         media_path("book_corrupt.zip") + ":#zip(steps_10s.mp3)";
-                     EXPECT_EQ(t.engine->openFile(path), -1);
-                     EXPECT_TRUE(t.log->contains(2, "Failed to open " + path)) << t.logDump();
-                     EXPECT_FALSE(t.engine->isFileOpened());
-                 }});
     r.push_back({"ZipMemberCrcError", nullptr, [](FaultTest &t) {
                      const std::string archive = makeZip(t, "crc.zip", "-0", {kLongMp3});
-                     std::vector<uint8_t> b = readFile(archive);
+                     std::vector<uint8_t> b = read_file(archive);
                      ASSERT_GT(b.size(), 100000u);
                      // sub/ comes first without data; the file's data follows its header.
                      const size_t sub = firstMemberData(b);
@@ -569,33 +436,14 @@ std::vector<Fault> rows() {
                      const size_t data = sub + firstMemberData(rest);
                      for (size_t i = 0; i < 64; ++i)
                          b[data + 60000 + i] ^= 0x5a;
-                     ASSERT_TRUE(writeFile(archive, b));
+                     ASSERT_TRUE(write_file(archive, b));
                      const std::string path = archive + ":#zip(" + kLongMp3 + ")";
                      ASSERT_EQ(t.engine->openFile(path), 0) << t.logDump();
                      t.expectPlaysToEnd();
                  }});
-    r.push_back({"ZipMemberIsDirectory", nullptr, [](FaultTest &t) {
-                     const std::string archive = makeZip(t, "dir.zip", "-0", {kShortMp3});
-                     const std::string path = archive + ":#zip(sub/)";
-                     EXPECT_EQ(t.engine->openFile(path), -1);
-                     EXPECT_TRUE(t.log->contains(2, "Failed to open " + path)) << t.logDump();
-                     EXPECT_FALSE(t.engine->isFileOpened());
-                     // The archive's real member still opens on the same engine afterwards.
-                     ASSERT_EQ(t.engine->openFile(archive + ":#zip(sub/" + kShortMp3 + ")"), 0)
-                         << t.logDump();
-                     t.expectPlaysToEnd();
-                 }});
-    r.push_back({"ZipMemberMissing", nullptr, [](FaultTest &t) {
-                     const std::string archive = makeZip(t, "missing.zip", "-9", {kShortMp3});
-                     const std::string path = archive + ":#zip(nothing.mp3)";
-                     EXPECT_EQ(t.engine->openFile(path), -1);
-                     EXPECT_TRUE(t.log->contains(2, "Failed to open " + path)) << t.logDump();
-                 }});
-
-    // --- Files -----------------------------------------------------------------------------------
     r.push_back({"FileDeletedWhilePlaying", nullptr, [](FaultTest &t) {
                      const std::string copy = t.scratch("deleted.mp3");
-                     ASSERT_TRUE(writeFile(copy, readFile(media_path(kLongMp3))));
+                     ASSERT_TRUE(write_file(copy, read_file(media_path(kLongMp3))));
                      vcard_set_speed(8.0);
                      ASSERT_EQ(t.engine->openFile(copy), 0);
                      ASSERT_EQ(t.engine->start(), 0);
@@ -617,11 +465,11 @@ std::vector<Fault> rows() {
                 if (c == '.')
                     c = '_';
             r.push_back({name, nullptr, [file, tenth](FaultTest &t) {
-                             std::vector<uint8_t> b = readFile(media_path(file));
+                             std::vector<uint8_t> b = read_file(media_path(file));
                              ASSERT_FALSE(b.empty());
                              b.resize(b.size() * tenth / 10);
                              const std::string copy = t.scratch(std::to_string(tenth) + file);
-                             ASSERT_TRUE(writeFile(copy, b));
+                             ASSERT_TRUE(write_file(copy, b));
                              if (t.engine->openFile(copy) != 0) {
                                  const bool known =
                                      t.log->contains(2, "Failed to open " + copy) ||

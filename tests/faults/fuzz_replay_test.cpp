@@ -19,36 +19,16 @@
 
 namespace {
 
-std::vector<uint8_t> readFile(const std::string &path) {
-    std::vector<uint8_t> bytes;
-    FILE *f = fopen(path.c_str(), "rb");
-    if (f == nullptr)
-        return bytes;
-    uint8_t chunk[65536];
-    size_t n;
-    while ((n = fread(chunk, 1, sizeof chunk, f)) > 0)
-        bytes.insert(bytes.end(), chunk, chunk + n);
-    fclose(f);
-    return bytes;
-}
+using ae_test::read_file;
 
 // One input through the entry function, with a deadline: a hang fails the process.
 void replay(const std::string &what, const std::vector<uint8_t> &input) {
-    std::atomic<bool> done{false};
-    std::thread runner([&] {
-        LLVMFuzzerTestOneInput(input.data(), input.size());
-        done = true;
-    });
-    if (!ae_test::wait_until([&] { return done.load(); }, 60000, 10)) {
-        fprintf(stderr, "fuzz replay: %s did not return within 60 s\n", what.c_str());
-        fflush(stderr);
-        std::abort();
-    }
-    runner.join();
+    ae_test::run_with_deadline("fuzz replay of " + what, 60000,
+                               [&] { LLVMFuzzerTestOneInput(input.data(), input.size()); });
 }
 
 std::vector<uint8_t> withPrefix(std::vector<uint8_t> prefix, const std::string &file) {
-    const std::vector<uint8_t> media = readFile(ae_test::media_path(file));
+    const std::vector<uint8_t> media = read_file(ae_test::media_path(file));
     EXPECT_FALSE(media.empty()) << file;
     prefix.insert(prefix.end(), media.begin(), media.end());
     return prefix;
@@ -68,7 +48,7 @@ TEST(AE_FUZZ_SUITE, SavedInputs) {
     std::sort(names.begin(), names.end());
     for (const std::string &name : names) {
         SCOPED_TRACE(name);
-        replay(name, readFile(dir + "/" + name));
+        replay(name, read_file(dir + "/" + name));
     }
     printf("replayed %zu saved inputs from %s\n", names.size(), dir.c_str());
 }

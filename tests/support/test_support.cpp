@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
@@ -54,6 +55,41 @@ std::string tmp_path(const std::string &name) {
     std::string dir = env_or("AE_TEST_TMP", AE_TEST_TMP_DEFAULT);
     make_dirs(dir);
     return dir + "/" + name;
+}
+
+std::vector<uint8_t> read_file(const std::string &path) {
+    std::vector<uint8_t> bytes;
+    FILE *f = std::fopen(path.c_str(), "rb");
+    if (f == nullptr)
+        return bytes;
+    uint8_t chunk[65536];
+    size_t n;
+    while ((n = std::fread(chunk, 1, sizeof chunk, f)) > 0)
+        bytes.insert(bytes.end(), chunk, chunk + n);
+    std::fclose(f);
+    return bytes;
+}
+
+bool write_file(const std::string &path, const std::vector<uint8_t> &bytes) {
+    FILE *f = std::fopen(path.c_str(), "wb");
+    if (f == nullptr)
+        return false;
+    const bool ok = std::fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
+    return std::fclose(f) == 0 && ok;
+}
+
+void run_with_deadline(const std::string &what, int timeout_ms, const std::function<void()> &body) {
+    std::atomic<bool> done{false};
+    std::thread runner([&] {
+        body();
+        done = true;
+    });
+    if (!wait_until([&] { return done.load(); }, timeout_ms, 10)) {
+        std::fprintf(stderr, "HUNG: %s did not return within %d ms\n", what.c_str(), timeout_ms);
+        std::fflush(stderr);
+        std::abort();
+    }
+    runner.join();
 }
 
 // --- Log capture -------------------------------------------------------------------------------
@@ -157,11 +193,6 @@ bool LogCapture::contains(int level, const std::string &substring) const {
 
 bool LogCapture::contains(const std::string &substring) const {
     return count(substring) > 0;
-}
-
-void LogCapture::clear() {
-    std::lock_guard<std::mutex> lock(impl_->mu);
-    impl_->entries.clear();
 }
 
 std::string LogCapture::dump() const {

@@ -20,6 +20,14 @@ std::string media_path(const std::string &name);
 // include something test-specific.
 std::string tmp_path(const std::string &name);
 
+// The bytes of a file (empty if it cannot be read); writes `bytes` to a file, true on success.
+std::vector<uint8_t> read_file(const std::string &path);
+bool write_file(const std::string &path, const std::vector<uint8_t> &bytes);
+
+// Runs `body` on a thread of its own and ends the whole process when it does not return within
+// `timeout_ms`: a hang must not pass as a slow test.
+void run_with_deadline(const std::string &what, int timeout_ms, const std::function<void()> &body);
+
 // --- Log capture -------------------------------------------------------------------------------
 
 struct LogEntry {
@@ -48,7 +56,6 @@ public:
     // Whether a line of `level` contains `substring`.
     bool contains(int level, const std::string &substring) const;
     bool contains(const std::string &substring) const;
-    void clear();
     // All lines as "[L<level>] <function>: <message>\n", for failure messages.
     std::string dump() const;
 
