@@ -1,17 +1,18 @@
 #!/usr/bin/env bash
 # Soak run: plays a generated playlist on the fast virtual card for <minutes> while a second
 # thread makes random player calls; checks memory and state consistency as it goes
-# (tests/soak/soak.cpp). Builds what it needs in build-fault (override with SOAK_BUILD_DIR).
+# (tests/soak/soak.cpp). Builds what it needs in the main build tree, build/ (override with
+# SOAK_BUILD_DIR).
 #   tools/soak.sh <minutes> [ae_soak options...]
 # Runs of a minute or less check every 10 s, longer ones every minute.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 minutes=${1:?usage: tools/soak.sh <minutes> [ae_soak options...]}
 shift
-dir=${SOAK_BUILD_DIR:-build-fault}
+dir=${SOAK_BUILD_DIR:-build}
 JOBS=${JOBS:-2}
 
-cmake -S . -B "$dir" -DAE_BUILD_BENCH=OFF -DAE_BUILD_TOOLS=OFF >/dev/null
+cmake -S . -B "$dir" >/dev/null
 cmake --build "$dir" -j "$JOBS" --target ae_soak ae_media_files asound_module_pcm_vcard \
     asound_module_ctl_vcard
 
