@@ -208,8 +208,15 @@ TEST_F(EngineZipTest, SeekLoopAndRepeatedOpensKeepMemoryFlat) {
             engine_->closeFile();
     }
     const long after = residentKiB();
+    // AddressSanitizer keeps freed blocks in quarantine, so resident memory says nothing
+    // there; its leak checker answers the same question at exit.
+#ifndef __SANITIZE_ADDRESS__
     // Each open allocates a 1 MiB I/O buffer: a leak of it alone would add about 300 MiB.
     EXPECT_LT(after - before, 16 * 1024) << before << " KiB -> " << after << " KiB";
+#else
+    (void)before;
+    (void)after;
+#endif
 }
 
 } // namespace
