@@ -2,11 +2,14 @@
 # Benchmark: CPU time and peak memory of the engine playing 10-minute files into ALSA's null PCM,
 # against the ffmpeg tool running the same decode and filter chain into the same PCM.
 #
-#   bench/run.sh <build-dir> [runs]
+#   bench/run.sh <build-dir> [runs]        (./dev bench runs `bench/run.sh build`)
 #
-# Builds engine_bench in <build-dir> if needed, generates the media once into
+# Brings engine_bench in <build-dir> up to date, generates the media once into
 # <build-dir>/bench/media, runs every file x setting `runs` times (default 3) with each program
 # and prints a Markdown table: median CPU seconds per hour of audio, median peak RSS, ratios.
+# Then runs zip_bench.sh (zip-member input) with the same number of runs, unless
+# BENCH_SKIP_ZIP=1. The load average before and after is printed: the numbers mean little on a
+# machine that is busy with other work.
 set -euo pipefail
 
 build=${1:?usage: run.sh <build-dir> [runs]}
@@ -20,7 +23,8 @@ FFMPEG=${FFMPEG:-ffmpeg}
 FFPROBE=${FFPROBE:-ffprobe}
 SECONDS_OF_AUDIO=600
 
-[ -x "$bench" ] || cmake --build "$build" -j2 --target engine_bench >/dev/null
+# Always through the build tool: an engine_bench left from an older engine would be measured.
+cmake --build "$build" -j2 --target engine_bench >/dev/null
 
 # --- Media: 10 minutes of a tone over pink noise, 44.1 kHz stereo ---------------------------
 mkdir -p "$media"
@@ -79,6 +83,8 @@ measure() {
 }
 median() { sort -n | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
 
+echo "Load average before: $(cut -d' ' -f1-3 /proc/loadavg) ($(nproc) CPUs); median of $runs runs"
+echo
 printf '| file | setting | engine CPU s/h | ffmpeg CPU s/h | CPU ratio | engine peak RSS MB | ffmpeg peak RSS MB | RSS ratio |\n'
 printf '|---|---|---:|---:|---:|---:|---:|---:|\n'
 for file in long.mp3 long.m4a long.flac long.ogg; do
@@ -93,10 +99,12 @@ for file in long.mp3 long.m4a long.flac long.ogg; do
         esac
         ecpu=() ; erss=() ; fcpu=() ; frss=()
         for ((i = 0; i < runs; i++)); do
-            read -r c m < <(measure "$bench" "$path" "${args[@]}")
+            # Plain assignments, so that a failed run stops the script (set -e).
+            out=$(measure "$bench" "$path" "${args[@]}")
+            read -r c m <<<"$out"
             ecpu+=("$c"); erss+=("$m")
-            read -r c m < <(measure "$FFMPEG" -nostdin -loglevel error -i "$path" -af "$af" \
-                -f alsa null)
+            out=$(measure "$FFMPEG" -nostdin -loglevel error -i "$path" -af "$af" -f alsa null)
+            read -r c m <<<"$out"
             fcpu+=("$c"); frss+=("$m")
         done
         ec=$(printf '%s\n' "${ecpu[@]}" | median); fc=$(printf '%s\n' "${fcpu[@]}" | median)
@@ -108,3 +116,10 @@ for file in long.mp3 long.m4a long.flac long.ogg; do
                 fc / h, ec / fc, er / 1024, fr / 1024, er / fr }'
     done
 done
+echo
+echo "Load average after: $(cut -d' ' -f1-3 /proc/loadavg)"
+
+if [ "${BENCH_SKIP_ZIP:-0}" != 1 ]; then
+    echo
+    "$here/zip_bench.sh" "$build" "$runs"
+fi

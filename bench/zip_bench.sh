@@ -5,8 +5,8 @@
 #
 #   bench/zip_bench.sh <build-dir> [runs]
 #
-# Builds engine_bench in <build-dir> if needed and zip_seek_bench next to it, generates the media
-# once into <build-dir>/bench/zip_media and prints Markdown tables.
+# Brings engine_bench in <build-dir> up to date, builds zip_seek_bench next to it, generates the
+# media once into <build-dir>/bench/zip_media and prints Markdown tables. run.sh calls it too.
 set -euo pipefail
 
 build=${1:?usage: zip_bench.sh <build-dir> [runs]}
@@ -21,7 +21,7 @@ export ALSA_CONFIG_PATH=$here/asound.conf
 FFMPEG=${FFMPEG:-ffmpeg}
 CXX=${CXX:-c++}
 
-[ -x "$bench" ] || cmake --build "$build" -j2 --target engine_bench >/dev/null
+cmake --build "$build" -j2 --target engine_bench >/dev/null
 [ -e "$build/audio-engine/libaudio-engine-host.so" ] ||
     cmake --build "$build" -j2 --target audio-engine-host >/dev/null
 if [ ! -x "$seekbench" ] || [ "$here/zip_seek_bench.cpp" -nt "$seekbench" ]; then
@@ -49,7 +49,7 @@ median() { sort -n | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
 
 cpu_of() { # cpu_of <path>: median CPU seconds of `runs` plays
     for _ in $(seq "$runs"); do
-        "$bench" "$1" | sed -n 's/.*cpu_s=\([0-9.]*\).*/\1/p'
+        "$bench" "$1" 2>/dev/null | sed -n 's/.*cpu_s=\([0-9.]*\).*/\1/p'
     done | median
 }
 
