@@ -311,9 +311,11 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
                     avcodec_flush_buffers(decoderCtx);
                     seekRequested = false;
                     // The position is the target from now on, not what the filters still
-                    // hold from before the seek.
-                    positionMs = seekTargetMs / 1000 * 1000;
-                    lastPositionMs = positionMs;
+                    // hold from before the seek (a target past the end lands at the end).
+                    if (seekTargetMs < durationMs) {
+                        positionMs = seekTargetMs / 1000 * 1000;
+                        lastPositionMs = positionMs;
+                    }
                     sought = true;
                 } else {
                     if (havePosition) {
