@@ -39,6 +39,34 @@ TEST_F(DeviceTest, CloseDrainsOrDropsAndIsANoOpWhenClosed) {
     EXPECT_EQ(vcard_is_open(), 0);
 }
 
+// A log line names the operation it belongs to (the exported call or the play thread), not
+// whichever internal helper wrote it: that is where someone reading the device log looks.
+TEST_F(DeviceTest, LogLinesNameTheOperationTheyBelongTo) {
+    ae_test::LogCapture log;
+    EXPECT_EQ(open_alsa(96001), 0);
+    ASSERT_EQ(open_alsa(44100), 1);
+    EXPECT_EQ(close_alsa(), 1);
+    ASSERT_EQ(init_alsa_output(), 0);
+    push(22050, 1024, 1);
+    ASSERT_TRUE(ae_test::wait_until([] { return is_alsa_opened() == 1; }, 5000));
+
+    int checked = 0;
+    for (const ae_test::LogEntry &e : log.entries()) {
+        if (e.message.find("Bad sample rate") != std::string::npos ||
+            e.message.rfind("buffer_size", 0) == 0 || e.message.rfind("period_size", 0) == 0) {
+            EXPECT_EQ(e.function, "open_alsa_ex") << e.message;
+            ++checked;
+        } else if (e.message == "close_alsa" || e.message == "alsa is closed!!!") {
+            EXPECT_EQ(e.function, "close_alsa_ex") << e.message;
+            ++checked;
+        } else if (e.message.rfind("Our samplerate is", 0) == 0) {
+            EXPECT_EQ(e.function, "play_proc") << e.message;
+            ++checked;
+        }
+    }
+    EXPECT_GE(checked, 7) << log.dump();
+}
+
 TEST_F(DeviceTest, PauseReachesAnOpenDeviceOnly) {
     EXPECT_EQ(pause_alsa(1), 0);
     EXPECT_EQ(vcard_count_events("pause"), 0) << "no device, nothing to pause";

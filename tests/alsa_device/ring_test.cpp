@@ -32,9 +32,12 @@ TEST_F(RingTest, WrongOrUnavailablePieceIsRefusedAndLeavesTheRingAlone) {
     ASSERT_EQ(push_output_buffer(expected), 0);
     abuf_piece *second = get_output_buffer();
     ASSERT_EQ(push_output_buffer(second), 0);
-    // Full ring: even the piece pushed first is refused now.
+    // Full ring: even the piece pushed first is refused now, and so is a null piece (which
+    // is what get_output_buffer answers): neither may wrap the write index onto the reader.
     EXPECT_EQ(push_output_buffer(expected), -1);
+    EXPECT_EQ(push_output_buffer(nullptr), -1);
     EXPECT_EQ(get_output_buffer(), nullptr);
+    EXPECT_EQ(log.count("wrong buffer"), 4);
 }
 
 TEST_F(RingTest, StartAndStopAnswerOnceAndPushesFailAfterStop) {

@@ -41,7 +41,8 @@ static long map_volume(long min, long max, long volume) {
 static long unmap_volume(long min, long max, long value) {
     if (max == min)
         return 0;
-    return (value - min) * 100 / (max - min);
+    /* 64-bit: on 32-bit targets a long product overflows for wide ranges. */
+    return (long)((int64_t)(value - min) * 100 / (max - min));
 }
 
 int AlsaMixerInit(const char *control) {
@@ -94,12 +95,13 @@ int AlsaMixerInit(const char *control) {
 
 /* Caller holds ramp_mutex. Waits for the ramp thread, if one was started, and forgets it. */
 static void join_ramp_locked(void) {
-    AD_TRACE("(%i) soft_vol_thread = %i", (int)syscall(SYS_gettid),
-             soft_vol_running ? (int)soft_vol_thread : 0);
+    AD_TRACE_AS("kill_soft_vol_executing", "(%i) soft_vol_thread = %i", (int)syscall(SYS_gettid),
+                soft_vol_running ? (int)soft_vol_thread : 0);
     if (soft_vol_running) {
         void *result = NULL;
         pthread_join(soft_vol_thread, &result);
-        AD_TRACE("join %i returned %i", (int)soft_vol_thread, (int)(intptr_t)result);
+        AD_TRACE_AS("kill_soft_vol_executing", "join %i returned %i", (int)soft_vol_thread,
+                    (int)(intptr_t)result);
         soft_vol_running = 0;
     }
 }

@@ -59,7 +59,7 @@ int push_output_buffer(struct abuf_piece *piece) {
     if (atomic_load(&output_stopped))
         return -ENODEV;
     struct abuf_piece *expected = get_output_buffer();
-    if (piece != expected) {
+    if (piece == NULL || piece != expected) {
         AD_LOG(2, "wrong buffer %p should be %p", (void *)piece, (void *)expected);
         return -1;
     }
@@ -91,7 +91,7 @@ static void raise_priority(void) {
 
 /* Caller holds buffer_mutex. Closes an open device with drop after a second without audio. */
 static void close_on_timeout(void) {
-    AD_LOG(4, "close alsa on timeout");
+    AD_LOG_AS("play_proc", 4, "close alsa on timeout");
     AlsaMixerDestroy();
     if (is_alsa_opened())
         close_alsa_ex(0);
@@ -107,7 +107,7 @@ static struct abuf_piece *wait_for_piece(void) {
         if (is_alsa_opened()) {
             if (!timed) {
                 if (clock_gettime(CLOCK_REALTIME, &deadline) != 0)
-                    AD_LOG(2, "cant get time");
+                    AD_LOG_AS("play_proc", 2, "cant get time");
                 deadline.tv_sec += 1;
                 timed = 1;
             }
@@ -163,11 +163,11 @@ static void release_current_buffer(void) {
 static int open_device(int rate) {
     char name[DEVICE_NAME_SIZE];
     pthread_mutex_lock(&name_mutex);
-    AD_LOG(4, "Our samplerate is %d our device is %s", rate, device_name);
+    AD_LOG_AS("play_proc", 4, "Our samplerate is %d our device is %s", rate, device_name);
     pthread_mutex_unlock(&name_mutex);
     current_device_name(name);
     if (!open_alsa_ex(name, rate)) {
-        AD_LOG(2, "Failed to open alsa device");
+        AD_LOG_AS("play_proc", 2, "Failed to open alsa device");
         return 0;
     }
     AlsaMixerInit("mpd_volume");

@@ -25,6 +25,9 @@ enum {
     BUSY_WAIT_LIMIT_US = 1000000,
 };
 
+/* The helpers of open_alsa_ex log under its name. */
+#define OPEN_LOG(level, ...) AD_LOG_AS("open_alsa_ex", level, __VA_ARGS__)
+
 static pthread_mutex_t device_op_mutex = PTHREAD_MUTEX_INITIALIZER;
 static pthread_mutex_t handle_mutex = PTHREAD_MUTEX_INITIALIZER;
 static snd_pcm_t *_Atomic pcm_handle;
@@ -43,13 +46,13 @@ static void publish_handle(snd_pcm_t *handle) {
 
 /* Drops or drains and closes `handle` with the close log lines. */
 static void close_handle(snd_pcm_t *handle, int drain) {
-    AD_LOG(5, "close_alsa");
+    AD_LOG_AS("close_alsa_ex", 5, "close_alsa");
     if (drain)
         snd_pcm_drain(handle);
     else
         snd_pcm_drop(handle);
     snd_pcm_close(handle);
-    AD_LOG(5, "alsa is closed!!!");
+    AD_LOG_AS("close_alsa_ex", 5, "alsa is closed!!!");
 }
 
 /* Caller holds device_op_mutex. */
@@ -69,14 +72,14 @@ static snd_pcm_t *open_with_retries(const char *device) {
     long waited_us = 0;
     while (err < 0) {
         if (err == -ENODEV) {
-            AD_LOG(2, "No such device: %s", device);
+            OPEN_LOG(2, "No such device: %s", device);
             return NULL;
         }
         if (waited_us > BUSY_WAIT_LIMIT_US) {
-            AD_LOG(2, "unable to open pcm device: %s", snd_strerror(err));
+            OPEN_LOG(2, "unable to open pcm device: %s", snd_strerror(err));
             return NULL;
         }
-        AD_LOG(4, "Waiting release");
+        OPEN_LOG(4, "Waiting release");
         usleep(BUSY_RETRY_US);
         waited_us += BUSY_RETRY_US;
         err = snd_pcm_open(&handle, device, SND_PCM_STREAM_PLAYBACK, 0);
@@ -93,73 +96,73 @@ static int configure(snd_pcm_t *handle, int rate) {
     int err;
 
     if ((err = snd_pcm_hw_params_any(handle, params)) < 0)
-        AD_LOG(2, "snd_pcm_hw_params_any: %s", snd_strerror(err));
+        OPEN_LOG(2, "snd_pcm_hw_params_any: %s", snd_strerror(err));
     if ((err = snd_pcm_hw_params_set_rate_resample(handle, params, 1)) < 0)
-        AD_LOG(2, "unable to set resample :: snd_pcm_hw_params_set_rate_resample :: %s",
-               snd_strerror(err));
+        OPEN_LOG(2, "unable to set resample :: snd_pcm_hw_params_set_rate_resample :: %s",
+                 snd_strerror(err));
     if ((err = snd_pcm_hw_params_set_access(handle, params, SND_PCM_ACCESS_RW_INTERLEAVED)) < 0)
-        AD_LOG(2, "snd_pcm_hw_params_set_access: %s", snd_strerror(err));
+        OPEN_LOG(2, "snd_pcm_hw_params_set_access: %s", snd_strerror(err));
     if ((err = snd_pcm_hw_params_set_format(handle, params, SND_PCM_FORMAT_S16_LE)) < 0)
-        AD_LOG(2, "snd_pcm_hw_params_set_format: %s", snd_strerror(err));
+        OPEN_LOG(2, "snd_pcm_hw_params_set_format: %s", snd_strerror(err));
     if ((err = snd_pcm_hw_params_set_channels(handle, params, 2)) < 0)
-        AD_LOG(2, "snd_pcm_hw_params_set_channels: %s", snd_strerror(err));
+        OPEN_LOG(2, "snd_pcm_hw_params_set_channels: %s", snd_strerror(err));
 
     if (rate < 0)
         rate = DEFAULT_RATE;
     if (rate > MAX_RATE) {
-        AD_LOG(2, "Can`t play! Bad sample rate = %i", rate);
+        OPEN_LOG(2, "Can`t play! Bad sample rate = %i", rate);
         close_handle(handle, 0);
         return 0;
     }
     if ((err = snd_pcm_hw_params_set_rate(handle, params, (unsigned)rate, 0)) < 0)
-        AD_LOG(2, "snd_pcm_hw_params_set_rate_near: %s", snd_strerror(err));
+        OPEN_LOG(2, "snd_pcm_hw_params_set_rate_near: %s", snd_strerror(err));
 
     unsigned int buffer_time = BUFFER_TIME_US;
     int dir = 0;
     if ((err = snd_pcm_hw_params_set_buffer_time_near(handle, params, &buffer_time, &dir)) < 0) {
-        AD_LOG(2, "Unable to set buffer time %u for playback: %s\n", buffer_time,
-               snd_strerror(err));
+        OPEN_LOG(2, "Unable to set buffer time %u for playback: %s\n", buffer_time,
+                 snd_strerror(err));
         goto fail;
     }
     snd_pcm_uframes_t frames = 0;
     if ((err = snd_pcm_hw_params_get_buffer_size(params, &frames)) < 0) {
-        AD_LOG(2, "Unable to get buffer size for playback: %s\n", snd_strerror(err));
+        OPEN_LOG(2, "Unable to get buffer size for playback: %s\n", snd_strerror(err));
         goto fail;
     }
-    AD_LOG(4, "buffer_size: %ld", (long)frames);
+    OPEN_LOG(4, "buffer_size: %ld", (long)frames);
 
     unsigned int period_time = PERIOD_TIME_US;
     if ((err = snd_pcm_hw_params_set_period_time_near(handle, params, &period_time, &dir)) < 0) {
-        AD_LOG(2, "Unable to set period time %u for playback: %s\n", period_time,
-               snd_strerror(err));
+        OPEN_LOG(2, "Unable to set period time %u for playback: %s\n", period_time,
+                 snd_strerror(err));
         goto fail;
     }
     if ((err = snd_pcm_hw_params_get_period_size(params, &frames, &dir)) < 0) {
-        AD_LOG(2, "Unable to get period size for playback: %s\n", snd_strerror(err));
+        OPEN_LOG(2, "Unable to get period size for playback: %s\n", snd_strerror(err));
         goto fail;
     }
-    AD_LOG(4, "period_size: %ld", (long)frames);
+    OPEN_LOG(4, "period_size: %ld", (long)frames);
 
     frames = PERIOD_FRAMES;
     if ((err = snd_pcm_hw_params_set_period_size_near(handle, params, &frames, &dir)) < 0)
-        AD_LOG(2, "snd_pcm_hw_params_set_period_size_near: %s", snd_strerror(err));
+        OPEN_LOG(2, "snd_pcm_hw_params_set_period_size_near: %s", snd_strerror(err));
 
     frames = MIN_BUFFER_FRAMES;
     err = snd_pcm_hw_params_set_buffer_size_min(handle, params, &frames);
-    AD_LOG(5, "snd_pcm_hw_params_set_buffer_size_min returned %i", err);
+    OPEN_LOG(5, "snd_pcm_hw_params_set_buffer_size_min returned %i", err);
     snd_pcm_uframes_t max_frames = frames * 2;
     err = snd_pcm_hw_params_set_buffer_size_max(handle, params, &max_frames);
-    AD_LOG(5, "snd_pcm_hw_params_set_buffer_size_max returned %i", err);
+    OPEN_LOG(5, "snd_pcm_hw_params_set_buffer_size_max returned %i", err);
 
     if ((err = snd_pcm_hw_params(handle, params)) < 0) {
-        AD_LOG(2, "unable to set hw parameters: %s", snd_strerror(err));
+        OPEN_LOG(2, "unable to set hw parameters: %s", snd_strerror(err));
         close_handle(handle, 0);
         return 0;
     }
     err = snd_pcm_prepare(handle);
-    AD_LOG(5, "snd_pcm_prepare returned %i", err);
+    OPEN_LOG(5, "snd_pcm_prepare returned %i", err);
     err = snd_pcm_hw_params_get_buffer_size_max(params, &frames);
-    AD_LOG(5, "snd_pcm_hw_params_get_buffer_size_max returned %i, frames = %d", err, (int)frames);
+    OPEN_LOG(5, "snd_pcm_hw_params_get_buffer_size_max returned %i, frames = %d", err, (int)frames);
     return 1;
 
 fail:
