@@ -134,7 +134,8 @@ public:
     virtual std::vector<Chapter> getChapters() = 0;
 
     // The cover picture of the open media, or null. Owned by the engine: valid until the media
-    // is closed, another one is opened or the engine is destroyed.
+    // is closed (also by the play thread when decoding fails: the state becomes Finished and
+    // isFileOpened() false), another one is opened or the engine is destroyed.
     virtual qz_bitmap *getCover() = 0;
 
     // Stops a play thread that still runs, then releases everything the engine holds. That

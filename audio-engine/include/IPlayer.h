@@ -92,7 +92,8 @@ public:
     // 0 on success; -1 when the index is out of range or the file does not exist (playback is
     // left alone); the engine's error when the file cannot be opened (the previous track has
     // been closed). OnStateChanged arrives on this thread (and, as the track runs, on the play
-    // thread); OnTrackChanged on this thread after a successful start.
+    // thread); OnTrackChanged on this thread once the file has opened (also if starting it
+    // then failed).
     virtual int PlayTrack(int trackNum, int position, bool paused) = 0;
 
     // The playlist index of the current track; -1 when the playing file is not in the list.
@@ -112,7 +113,8 @@ public:
     virtual void SetMode(PlayMode mode) = 0;
     virtual PlayMode GetMode() = 0;
 
-    // Duration of the open track in seconds, 0 when none.
+    // Duration of the open track in whole seconds; after a close or a failed open, the duration
+    // of the media opened last (0 before any).
     virtual int GetTrackSize() = 0;
 
     // Seeks to `seconds` (negative: no seek). Takes effect as playback goes on (the play thread
@@ -188,7 +190,8 @@ public:
     virtual std::vector<audio::AudioBook::Chapter> getChapters() = 0;
 
     // The open media's cover picture, or null. The player keeps ownership: valid until the
-    // media is closed or another track is opened.
+    // media is closed or another track is opened, and until a track whose decoding fails
+    // ends (the play thread then closes the media): take a copy before drawing from it later.
     virtual qz_bitmap *getCover() = 0;
 
     // Opens `path` on the engine (closing the open track) without starting it and without

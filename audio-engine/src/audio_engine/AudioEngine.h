@@ -145,8 +145,12 @@ private:
 
     // Play-loop helpers (play thread only).
     void runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *packet);
-    void drainAtEndOfMedia(AVFrame *decoded, AVFrame *filtered);
+    // Plays what the decoder and the filters still hold; false when the output refused it.
+    bool drainAtEndOfMedia(AVFrame *decoded, AVFrame *filtered);
     void reportNoOutput();
+    // What a pass's stop check, and a packet's end, report when they find the state Stopped.
+    void announceStopInPass();
+    void announceStopAtPacketEnd();
 
     // The output piece being filled and how many frames it holds (play thread only). Pieces
     // are pushed full: decoders of lossy formats hand out short frames, and a piece, with its

@@ -61,6 +61,11 @@ int AudioEngine::start() {
     state = Stopped;
     if (playThread.joinable())
         playThread.join();
+    // The loop just joined may have failed and closed the media on its way out.
+    if (!decoderOpen.load()) {
+        AE_LOG(2, "%s", "File is not opened");
+        return -1;
+    }
     state = Playing;
     try {
         playThread = std::thread(&AudioEngine::playLoop, this);
@@ -235,7 +240,12 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
 
     for (;;) {
         if (av_read_frame(formatCtx, packet) < 0) {
-            drainAtEndOfMedia(decoded, filtered); // end of media or read error
+            // End of media or read error. An output that refuses the last audio ends the run
+            // as it would inside a pass.
+            if (!drainAtEndOfMedia(decoded, filtered)) {
+                announceStopInPass();
+                announceStopAtPacketEnd();
+            }
             return;
         }
         if (packet->stream_index != audioStreamIndex) {
@@ -294,8 +304,7 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
             holdWhilePaused();
 
             if (state.load() == Stopped) {
-                set_mp_state(kMpEnded);
-                notifyState();
+                announceStopInPass();
                 break;
             }
 
@@ -305,18 +314,20 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
                 if (seekRequested) {
                     const int64_t target =
                         av_rescale_q(seekTargetMs / 1000, AVRational{1, 1}, audio->time_base);
-                    if (av_seek_frame(formatCtx, audioStreamIndex, target, AVSEEK_FLAG_BACKWARD) <
-                        0)
+                    const bool moved = av_seek_frame(formatCtx, audioStreamIndex, target,
+                                                     AVSEEK_FLAG_BACKWARD) >= 0;
+                    if (!moved)
                         AE_LOG(2, "%s", "Failed to av_seek_frame");
                     avcodec_flush_buffers(decoderCtx);
                     seekRequested = false;
                     // The position is the target from now on, not what the filters still
-                    // hold from before the seek (a target past the end lands at the end).
-                    if (seekTargetMs < durationMs) {
+                    // hold from before the seek (a target past the end lands at the end). A
+                    // failed seek plays on from where it was, and so does the position.
+                    if (moved && seekTargetMs < durationMs) {
                         positionMs = seekTargetMs / 1000 * 1000;
                         lastPositionMs = positionMs;
                     }
-                    sought = true;
+                    sought = moved;
                 } else {
                     if (havePosition) {
                         positionMs = wholeSecondsMs(lastTimestamp, audio->time_base);
@@ -332,12 +343,21 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
 
         av_packet_unref(packet);
         if (state.load() == Stopped) {
-            set_mp_state(kMpEnded);
-            notifyState();
-            AE_LOG(4, "%s", "Break on stopped");
+            announceStopAtPacketEnd();
             return;
         }
     }
+}
+
+void AudioEngine::announceStopInPass() {
+    set_mp_state(kMpEnded);
+    notifyState();
+}
+
+void AudioEngine::announceStopAtPacketEnd() {
+    set_mp_state(kMpEnded);
+    notifyState();
+    AE_LOG(4, "%s", "Break on stopped");
 }
 
 void AudioEngine::reportNoOutput() {
@@ -354,9 +374,9 @@ void AudioEngine::reportNoOutput() {
 // At the end of the media the decoder and the filters still hold audio (the decoder's delay,
 // the tempo filter's window, a partly filled output frame): it is played too, so no track
 // loses its last fraction of a second.
-void AudioEngine::drainAtEndOfMedia(AVFrame *decoded, AVFrame *filtered) {
+bool AudioEngine::drainAtEndOfMedia(AVFrame *decoded, AVFrame *filtered) {
     if (state.load() == Stopped)
-        return;
+        return true;
     if (avcodec_send_packet(decoderCtx, nullptr) >= 0) {
         while (avcodec_receive_frame(decoderCtx, decoded) >= 0) {
             const int written = av_buffersrc_write_frame(abufferCtx, decoded);
@@ -371,12 +391,15 @@ void AudioEngine::drainAtEndOfMedia(AVFrame *decoded, AVFrame *filtered) {
             av_frame_unref(filtered);
             if (sent == kOutputGone) {
                 reportNoOutput();
-                return;
+                return false;
             }
         }
     }
-    if (state.load() != Stopped && pushFilledPiece() == kOutputGone)
+    if (state.load() != Stopped && pushFilledPiece() == kOutputGone) {
         reportNoOutput();
+        return false;
+    }
+    return true;
 }
 
 // --- Output --------------------------------------------------------------------------------------
