@@ -145,6 +145,10 @@ struct CoverCase {
     const char *name;
 };
 
+void PrintTo(const CoverCase &v, std::ostream *os) {
+    *os << v.name;
+}
+
 class EngineCoverTest : public EngineInfoTest, public ::testing::WithParamInterface<CoverCase> {};
 
 // The expected value at (x, y) of the 64x48 four-block picture, RGB.

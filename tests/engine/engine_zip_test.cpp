@@ -54,6 +54,10 @@ struct Member {
     const char *name;
 };
 
+void PrintTo(const Member &v, std::ostream *os) {
+    *os << v.name;
+}
+
 class EngineZipMemberTest : public EngineZipTest, public ::testing::WithParamInterface<Member> {};
 
 TEST_P(EngineZipMemberTest, PlaysExactlyAsThePlainFile) {
@@ -151,6 +155,10 @@ struct BadMember {
     const char *path; // relative to the media folder
     const char *name;
 };
+
+void PrintTo(const BadMember &v, std::ostream *os) {
+    *os << v.name;
+}
 
 class EngineZipBadTest : public EngineZipTest, public ::testing::WithParamInterface<BadMember> {};
 

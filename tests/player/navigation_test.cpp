@@ -18,6 +18,10 @@ struct NavCase {
     int current, starts; // GetCurrentTrack afterwards; tracks started by the call
 };
 
+void PrintTo(const NavCase &v, std::ostream *os) {
+    *os << v.name;
+}
+
 const NavCase kNav[] = {
     {"RepeatTrackNext", IPlayer::RepeatTrack, 5, 2, true, 2, 1},
     {"RepeatTrackPrev", IPlayer::RepeatTrack, 5, 2, false, 2, 1},
