@@ -67,15 +67,19 @@ TEST_F(EngineTransportTest, FreshEngine) {
 // position and state notifications come from the play thread in state Finished.
 TEST_F(EngineTransportTest, EndOfMediaSequence) {
     playToEnd("tone440_3s.mp3");
-    const std::vector<Note> n = notes();
-    ASSERT_GE(n.size(), 4u);
-    // (The loop may report its first position before start() has notified.)
-    EXPECT_EQ(threadsOf('S'), "cp");
+    // start() notifies after launching the loop, which may report (and even end) first.
+    const std::string s = threadsOf('S');
+    EXPECT_TRUE(s == "cp" || s == "pc") << s;
     EXPECT_EQ(threadsOf('P').find('c'), std::string::npos);
-    EXPECT_EQ(n[n.size() - 2].kind, 'P');
-    EXPECT_EQ(n[n.size() - 2].state, 3);
-    EXPECT_EQ(n.back().kind, 'S');
-    EXPECT_EQ(n.back().state, 3);
+    std::vector<Note> play;
+    for (const Note &note : notes())
+        if (!note.caller)
+            play.push_back(note);
+    ASSERT_GE(play.size(), 3u);
+    EXPECT_EQ(play[play.size() - 2].kind, 'P');
+    EXPECT_EQ(play[play.size() - 2].state, 3);
+    EXPECT_EQ(play.back().kind, 'S');
+    EXPECT_EQ(play.back().state, 3);
     EXPECT_EQ(engine_->getPosition(), 3000);
 
     const std::string calls = platformCalls();
@@ -183,7 +187,7 @@ class EnginePositionTest : public EngineTransportTest,
 TEST_P(EnginePositionTest, FollowsTheMediaInWholeSeconds) {
     const PositionCase c = GetParam();
     engine_->setTempo(c.tempo);
-    vcard_set_speed(8.0 / c.tempo);
+    vcard_set_speed(4.0 / c.tempo);
     ASSERT_EQ(engine_->openFile(media_path(c.file)), 0);
     const int64_t duration = engine_->getDurationMs();
     ASSERT_EQ(duration, 10000);
@@ -267,8 +271,9 @@ TEST_F(EngineTransportTest, SeekWhilePausedThenResume) {
     EXPECT_EQ(back, 0) << "position went back before the seek target: " << trace;
     ASSERT_TRUE(waitState(3));
     ASSERT_TRUE(wait_until([] { return vcard_is_open() == 0; }, 5000));
-    // Seconds 0 to about 1, 3 to 4, 6 to 7 and 8 to 10 were played.
-    EXPECT_LE(vcard_captured_frames(), size_t(6 * kRate));
+    // Seconds 0 to about 1, 3 to 4, 6 to 7 and 8 to 10 were played (and what played while
+    // this thread was slow to pause): well short of the whole 10 s.
+    EXPECT_LE(vcard_captured_frames(), size_t(7.5 * kRate));
 }
 
 TEST_F(EngineTransportTest, SeekWhilePlayingSkipsAhead) {
@@ -281,7 +286,7 @@ TEST_F(EngineTransportTest, SeekWhilePlayingSkipsAhead) {
     engine_->resume();
     ASSERT_TRUE(waitState(3));
     ASSERT_TRUE(wait_until([] { return vcard_is_open() == 0; }, 5000));
-    EXPECT_LE(vcard_captured_frames(), size_t(4 * kRate));
+    EXPECT_LE(vcard_captured_frames(), size_t(5 * kRate));
     engine_->seekStream(1000); // Finished: the position stays the duration
     EXPECT_EQ(engine_->getPosition(), 10000);
 }
@@ -360,9 +365,9 @@ TEST_F(EngineTransportTest, DestroyWhilePlaying) {
 // One application thread drives every operation for two seconds while the play thread runs;
 // the test fails (instead of hanging) if the pair deadlocks.
 TEST_F(EngineTransportTest, TransportHammeredWhilePlaying) {
-    vcard_set_speed(8.0);
-    ASSERT_EQ(engine_->openFile(media_path("tone440_10s.mp3")), 0);
-    ASSERT_EQ(engine_->start(), 0);
+    // Audio reaches the card before the hammering starts: every setting change rebuilds the
+    // filters, and on a slow machine the engine may not get a piece out between two of them.
+    startPlaying("tone440_10s.mp3", 8.0);
 
     std::atomic<int> restarts{0};
     auto driver = std::async(std::launch::async, [&] {
@@ -416,7 +421,6 @@ TEST_F(EngineTransportTest, TransportHammeredWhilePlaying) {
     driver.get();
     EXPECT_EQ(engine_->getState(), 0);
     EXPECT_EQ(engine_->getPosition(), 0);
-    EXPECT_GT(vcard_captured_frames(), 0u);
 }
 
 } // namespace

@@ -128,7 +128,8 @@ class EngineZipSeekTest : public EngineZipTest,
 
 TEST_P(EngineZipSeekTest, SeeksForwardAndBackInsideTheMember) {
     ASSERT_EQ(engine_->openFile(memberPath(GetParam(), "steps_10s.mp3")), 0);
-    vcard_set_speed(4.0);
+    // Slow enough that the seek back is asked for well before the media ends.
+    vcard_set_speed(2.0);
     ASSERT_EQ(engine_->start(), 0);
     ASSERT_TRUE(ae_test::wait_until([this] { return engine_->getPosition() >= 2000; }, 10000));
     engine_->seekStream(7000); // forward: a skip

@@ -16,15 +16,20 @@ TEST(platform_calls, RecordedInOrderCopiedUpToMaxAndCleared) {
     hw_mp_setstate(3);
     BanSleep(4);
     hw_mp_setstate(0);
+    hw_mp_setstate(2);
+    // Five calls held; room for four: the first four are copied and nothing past them.
     host_platform_call out[5];
     std::memset(out, 0x7F, sizeof out);
-    ASSERT_EQ(host_platform_calls(out, 4), 4u);
+    ASSERT_EQ(host_platform_calls(out, 4), 5u);
     std::string text;
-    for (const host_platform_call &c : out)
-        text += std::string(1, c.kind) + std::to_string(c.value) + " ";
-    EXPECT_EQ(text.substr(0, 12), "S2 S3 B4 S0 ");
+    for (int i = 0; i < 4; ++i)
+        text += std::string(1, out[i].kind) + std::to_string(out[i].value) + " ";
+    EXPECT_EQ(text, "S2 S3 B4 S0 ");
     EXPECT_EQ(out[4].kind, 0x7F) << "wrote past max";
-    EXPECT_EQ(host_platform_calls(out, 1), 4u);
+    std::memset(out, 0x7F, sizeof out);
+    EXPECT_EQ(host_platform_calls(out, 1), 5u);
+    EXPECT_EQ(out[0].kind, 'S');
+    EXPECT_EQ(out[1].kind, 0x7F) << "wrote past max";
     host_platform_clear_calls();
     EXPECT_EQ(host_platform_calls(nullptr, 0), 0u);
 }

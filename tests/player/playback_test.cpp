@@ -118,12 +118,13 @@ TEST_F(PlayerTest, VolumeTempoAndRate) {
     const struct {
         bool tempo;
         double value, read;
-    } cases[] = {{true, 0.25, 0.25}, {true, 4.0, 4.0},  {true, 0.2, 1},  {true, 4.5, 1},
-                 {true, nan, 1},     {false, 0.5, 0.5}, {false, 2.0, 2}, {false, 0.49, 1},
-                 {false, 2.01, 1},   {false, nan, 1}};
+    } cases[] = {{true, 0.25, 0.25}, {true, 4.0, 4.0},  {true, 0.2, 1.5}, {true, 4.5, 1.5},
+                 {true, nan, 1.5},   {false, 0.5, 0.5}, {false, 2.0, 2},  {false, 0.49, 1.5},
+                 {false, 2.01, 1.5}, {false, nan, 1.5}};
     for (const auto &c : cases) {
-        player->setTempo(1.0);
-        player->setSampleRateMultiplier(1.0);
+        // From 1.5, so that a refused value shows as kept, not as reset to 1.
+        player->setTempo(1.5);
+        player->setSampleRateMultiplier(1.5);
         c.tempo ? player->setTempo(c.value) : player->setSampleRateMultiplier(c.value);
         EXPECT_EQ(c.tempo ? player->getTempo() : player->getSampleRateMultiplier(), c.read)
             << (c.tempo ? "tempo " : "rate ") << c.value;
