@@ -148,30 +148,41 @@ void on_continue_signal(int) {
     events.post(EventPipe::kResume);
 }
 
-// Crashes: give the terminal back, then die of the same signal (SA_RESETHAND re-arms the
-// default action).
+// Crashes and the other signals that end a program (SIGQUIT, SIGUSR1, ...): give the terminal
+// back, then die of the same signal (SA_RESETHAND re-arms the default action, which takes
+// effect when the handler returns).
 void on_fatal_signal(int sig) {
     if (terminal_raw)
         tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved_termios);
     raise(sig);
 }
 
+// Installs `sa` for `sig` unless the signal was ignored when the program started (SIGHUP under
+// nohup, SIGINT for a background job of a shell without job control): that choice stays.
+void handle_unless_ignored(int sig, const struct sigaction &sa) {
+    struct sigaction old {};
+    if (sigaction(sig, nullptr, &old) == 0 && old.sa_handler == SIG_IGN)
+        return;
+    sigaction(sig, &sa, nullptr);
+}
+
 void install_signal_handlers(bool keys) {
     struct sigaction sa {};
     sigemptyset(&sa.sa_mask);
     sa.sa_handler = on_quit_signal;
-    sigaction(SIGINT, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
-    sigaction(SIGHUP, &sa, nullptr);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP})
+        handle_unless_ignored(sig, sa);
     if (keys) {
         sa.sa_handler = on_suspend_signal;
-        sigaction(SIGTSTP, &sa, nullptr);
+        handle_unless_ignored(SIGTSTP, sa);
         sa.sa_handler = on_continue_signal;
         sigaction(SIGCONT, &sa, nullptr);
     }
     sa.sa_handler = on_fatal_signal;
     sa.sa_flags = SA_RESETHAND;
-    for (int sig : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT})
+    for (int sig : {SIGQUIT, SIGUSR1, SIGUSR2, SIGALRM, SIGVTALRM, SIGPROF, SIGXCPU, SIGXFSZ})
+        handle_unless_ignored(sig, sa);
+    for (int sig : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS})
         sigaction(sig, &sa, nullptr);
     signal(SIGPIPE, SIG_IGN); // output into a closed pipe: write() fails instead
 }
@@ -216,19 +227,23 @@ std::string fit(const std::string &text, int columns) {
     return text;
 }
 
+// Tags and chapter titles come from the media file: they go through aeplay::printable() so that
+// control characters in them cannot reach the terminal.
 void print_info(IPlayer *player, const std::string &path) {
-    std::printf("%s\n  duration: %s\n", path.c_str(), clock_text(player->GetTrackSize()).c_str());
+    std::printf("%s\n  duration: %s\n", aeplay::printable(path).c_str(),
+                clock_text(player->GetTrackSize()).c_str());
     const auto tags = player->getMetadata();
     if (tags.empty())
         std::printf("  tags: none\n");
     for (const auto &entry : tags)
-        std::printf("  %s: %s\n", entry.first.c_str(), entry.second.c_str());
+        std::printf("  %s: %s\n", aeplay::printable(entry.first).c_str(),
+                    aeplay::printable(entry.second).c_str());
     const auto chapters = player->getChapters();
     std::printf("  chapters: %zu\n", chapters.size());
     for (const auto &chapter : chapters)
-        std::printf("    %d. %s - %s  %s\n", chapter.index + 1,
-                    clock_text(chapter.start / 1000).c_str(),
-                    clock_text(chapter.end / 1000).c_str(), chapter.title.c_str());
+        std::printf(
+            "    %d. %s - %s  %s\n", chapter.index + 1, clock_text(chapter.start / 1000).c_str(),
+            clock_text(chapter.end / 1000).c_str(), aeplay::printable(chapter.title).c_str());
     if (const qz_bitmap *cover = player->getCover())
         std::printf("  cover: %dx%d %s\n", cover->width, cover->height,
                     cover->format == QZ_BITMAP_RGB24 ? "colour" : "grey");
@@ -272,7 +287,8 @@ private:
     bool quit_ = false;
     bool playedAny_ = false;
     int exitCode_ = 0;
-    // What the open track tells about itself, read once when it starts (main thread).
+    // What the open track tells about itself, read once when it starts (main thread), made
+    // printable.
     std::string title_;
     std::string artist_;
     std::vector<tavrel::audio::AudioBook::Chapter> chapters_;
@@ -417,7 +433,11 @@ void App::trackStarted() {
         artist_ = tag(tags, "album_artist");
     if (title_.empty())
         title_ = player_->GetPlayingTrack().title;
+    title_ = aeplay::printable(title_);
+    artist_ = aeplay::printable(artist_);
     chapters_ = player_->getChapters();
+    for (auto &chapter : chapters_)
+        chapter.title = aeplay::printable(chapter.title);
     lastChapter_ = -1;
     if (!statusLine_) {
         std::string line = "track " + std::to_string(player_->GetCurrentTrack() + 1) + "/" +
@@ -571,7 +591,7 @@ void App::message(const std::string &text, bool error) {
         std::fflush(stdout);
         shownStatus_.clear();
     }
-    std::fprintf(error ? errors : stdout, "aeplay: %s\n", text.c_str());
+    std::fprintf(error ? errors : stdout, "aeplay: %s\n", aeplay::printable(text).c_str());
     std::fflush(error ? errors : stdout);
 }
 
@@ -637,7 +657,7 @@ int inspect(const aeplay::Options &options, IPlayer *player,
     bool coverWritten = false;
     for (const std::string &path : paths) {
         if (player->openFile(path) != 0) {
-            std::fprintf(errors, "aeplay: cannot open %s\n", path.c_str());
+            std::fprintf(errors, "aeplay: cannot open %s\n", aeplay::printable(path).c_str());
             status = 1;
             continue;
         }
@@ -648,7 +668,8 @@ int inspect(const aeplay::Options &options, IPlayer *player,
             std::string error;
             const qz_bitmap *cover = player->getCover();
             if (cover == nullptr) {
-                std::fprintf(errors, "aeplay: %s has no cover picture\n", path.c_str());
+                std::fprintf(errors, "aeplay: %s has no cover picture\n",
+                             aeplay::printable(path).c_str());
                 status = 1;
             } else if (!aeplay::write_png(*cover, options.cover, &error)) {
                 std::fprintf(errors, "aeplay: %s\n", error.c_str());
@@ -681,7 +702,7 @@ int main(int argc, char **argv) {
 
     const aeplay::PlayList list = aeplay::build_playlist(options.inputs);
     for (const std::string &problem : list.errors)
-        std::fprintf(errors, "aeplay: %s\n", problem.c_str());
+        std::fprintf(errors, "aeplay: %s\n", aeplay::printable(problem).c_str());
     if (list.paths.empty()) {
         std::fprintf(errors, "aeplay: nothing to play\n");
         return 1;

@@ -33,6 +33,9 @@ const char *mode_name(int mode) {
 
 namespace {
 
+// The player takes the start position in seconds and turns it into milliseconds in 32 bits.
+const double kMaxStartSeconds = 2147483; // INT32_MAX / 1000
+
 // A whole decimal number (strtod accepts trailing junk, this does not).
 bool to_double(const std::string &text, double *value) {
     if (text.empty())
@@ -109,13 +112,20 @@ bool parse_options(int argc, const char *const *argv, Options *options, std::str
             value = arg.substr(eq + 1);
             has_value = true;
         }
-        auto take_value = [&](std::string *out) {
+        // A file or device name given as the next word must not look like an option: a
+        // forgotten value would otherwise swallow the option after it. "--name=-x" takes any.
+        auto take_value = [&](std::string *out, bool is_name = false) {
             if (has_value) {
                 *out = value;
                 return true;
             }
             if (i + 1 >= argc) {
                 *error = "option " + name + " needs a value";
+                return false;
+            }
+            if (is_name && argv[i + 1][0] == '-') {
+                *error = "option " + name + " needs a value before '" + argv[i + 1] +
+                         "' (a name starting with '-' goes as " + name + "=NAME)";
                 return false;
             }
             *out = argv[++i];
@@ -171,14 +181,14 @@ bool parse_options(int argc, const char *const *argv, Options *options, std::str
             if (!take_value(&v))
                 return false;
             double seconds = 0;
-            if (!to_double(v, &seconds) || seconds < 0 || seconds > 86400.0 * 365) {
-                *error = "bad start '" + v + "' (seconds, 0 or more)";
+            if (!to_double(v, &seconds) || seconds < 0 || seconds > kMaxStartSeconds) {
+                *error = "bad start '" + v + "' (seconds, 0..2147483)";
                 return false;
             }
             o.start = static_cast<int>(seconds);
         } else if (name == "--device" || name == "--wav" || name == "--fallback-wav" ||
                    name == "--cover") {
-            if (!take_value(&v))
+            if (!take_value(&v, true))
                 return false;
             if (v.empty()) {
                 *error = "option " + name + " needs a value";
@@ -218,7 +228,7 @@ options:
   --rate R           speed and pitch together, 0.5..2.0 (default 1.0)
   --eq F:G,...       equaliser points, frequency Hz and gain dB, e.g. 60:3,1000:-2
   --mode M           sequential (default), repeat-list, repeat-track or shuffle
-  --start S          start the first track S seconds in
+  --start S          start the first track S seconds in (0..2147483)
   --device NAME      play on this ALSA PCM instead of "mpd_sm"
   --wav FILE         write the audio into a WAV file instead of a sound card
   --fallback-wav F   the WAV file used when no sound card can be opened
@@ -227,6 +237,7 @@ options:
   --cover FILE.png   write the first input's cover picture as a PNG and exit
   --verbose          also show the library's own log lines
   --help             this text
+A name starting with '-' is written with '=': --wav=-out.wav, --device=-x.
 
 keys (in a terminal):
   space pause/resume   n/p next/previous track   left/right seek 10 s

@@ -25,7 +25,8 @@ struct Options {
     double rate = 1.0;                   // --rate, 0.5..2.0
     std::vector<std::pair<int, int>> eq; // --eq "60:3,1000:-2"
     int mode = 2;                        // --mode (IPlayer::Sequential)
-    int start = -1;                      // --start, seconds into the first track; -1: none
+    int start = -1;                      // --start, seconds into the first track (at most
+                                         // 2147483); -1: none
     std::string device;                  // --device, an ALSA PCM
     std::string wav;                     // --wav, play into this WAV file
     std::string fallbackWav;             // --fallback-wav, the WAV used when there is no card

@@ -3,11 +3,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <fstream>
 #include <unistd.h>
 #include <vector>
 
@@ -58,57 +58,89 @@ void put_le32(unsigned char *p, uint32_t v) {
         p[i] = static_cast<unsigned char>(v >> (8 * i));
 }
 
-// Reads a RIFF/WAVE file; `data_offset` is where the "data" chunk's bytes start.
-bool read_wav_file(const std::string &path, std::vector<unsigned char> *bytes,
-                   size_t *data_offset) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in)
+// Finds the first "data" chunk of the RIFF/WAVE file `f`: where its bytes start and how many
+// of them the file holds (the header's size, cut to the file's end).
+bool find_wav_data(std::FILE *f, int64_t *offset, int64_t *size) {
+    unsigned char header[12];
+    if (fseeko(f, 0, SEEK_SET) != 0 || std::fread(header, 1, sizeof header, f) != sizeof header ||
+        std::memcmp(header, "RIFF", 4) != 0 || std::memcmp(header + 8, "WAVE", 4) != 0 ||
+        fseeko(f, 0, SEEK_END) != 0)
         return false;
-    bytes->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    const std::vector<unsigned char> &b = *bytes;
-    if (b.size() < 12 || std::memcmp(b.data(), "RIFF", 4) != 0 ||
-        std::memcmp(b.data() + 8, "WAVE", 4) != 0)
-        return false;
-    size_t pos = 12;
-    while (pos + 8 <= b.size()) {
-        if (std::memcmp(b.data() + pos, "data", 4) == 0) {
-            *data_offset = pos + 8;
+    const int64_t end = ftello(f);
+    int64_t pos = 12;
+    while (pos + 8 <= end) {
+        unsigned char chunk[8];
+        if (fseeko(f, static_cast<off_t>(pos), SEEK_SET) != 0 ||
+            std::fread(chunk, 1, sizeof chunk, f) != sizeof chunk)
+            return false;
+        const int64_t length = le32(chunk + 4);
+        if (std::memcmp(chunk, "data", 4) == 0) {
+            *offset = pos + 8;
+            *size = std::min(length, end - *offset);
             return true;
         }
-        pos += 8 + le32(b.data() + pos + 4) + (le32(b.data() + pos + 4) & 1);
+        pos += 8 + length + (length & 1);
     }
     return false;
 }
 
-// Appends the audio of PATH.0001, PATH.0002... to PATH and fixes PATH's header.
+// Appends the audio of PATH.0001, PATH.0002... to PATH and fixes PATH's header. The audio is
+// copied in bounded pieces: a long book makes files of hundreds of megabytes.
 void merge_wav_parts(const std::string &path) {
-    std::vector<unsigned char> whole;
-    size_t whole_data = 0;
-    if (!read_wav_file(path, &whole, &whole_data))
+    if (access(part_name(path, 1).c_str(), F_OK) != 0)
+        return; // one file, complete as ALSA wrote it
+    std::FILE *whole = std::fopen(path.c_str(), "r+b");
+    if (whole == nullptr)
         return;
-    // Only the first data chunk counts; anything after it would end up inside the audio.
-    whole.resize(std::min<size_t>(whole.size(), whole_data + le32(whole.data() + whole_data - 4)));
-    bool merged = false;
-    for (int i = 1; i < 10000; ++i) {
-        const std::string part = part_name(path, i);
-        std::vector<unsigned char> bytes;
-        size_t data = 0;
-        if (access(part.c_str(), F_OK) != 0)
-            break;
-        if (read_wav_file(part, &bytes, &data)) {
-            size_t size = std::min<size_t>(le32(bytes.data() + data - 4), bytes.size() - data);
-            whole.insert(whole.end(), bytes.begin() + static_cast<long>(data),
-                         bytes.begin() + static_cast<long>(data + size));
-            merged = true;
-        }
-        std::remove(part.c_str());
+    int64_t data = 0;
+    int64_t size = 0;
+    if (!find_wav_data(whole, &data, &size)) {
+        std::fclose(whole);
+        return;
     }
-    if (!merged)
-        return;
-    put_le32(whole.data() + 4, static_cast<uint32_t>(whole.size() - 8));
-    put_le32(whole.data() + whole_data - 4, static_cast<uint32_t>(whole.size() - whole_data));
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char *>(whole.data()), static_cast<long>(whole.size()));
+    // Only the first data chunk counts: the parts go right after it, and anything that
+    // followed it is cut off below.
+    int64_t end = data + size;
+    bool ok = fseeko(whole, static_cast<off_t>(end), SEEK_SET) == 0;
+    std::vector<char> buffer(1 << 16);
+    for (int i = 1; i < 10000 && ok; ++i) {
+        const std::string part = part_name(path, i);
+        std::FILE *in = std::fopen(part.c_str(), "rb");
+        if (in == nullptr)
+            break;
+        int64_t offset = 0;
+        int64_t left = 0;
+        if (find_wav_data(in, &offset, &left) &&
+            fseeko(in, static_cast<off_t>(offset), SEEK_SET) == 0) {
+            while (left > 0 && ok) {
+                const size_t want = static_cast<size_t>(
+                    std::min<int64_t>(left, static_cast<int64_t>(buffer.size())));
+                const size_t got = std::fread(buffer.data(), 1, want, in);
+                if (got == 0)
+                    break;
+                const size_t put = std::fwrite(buffer.data(), 1, got, whole);
+                end += static_cast<int64_t>(put);
+                left -= static_cast<int64_t>(got);
+                ok = put == got;
+            }
+        }
+        std::fclose(in);
+        if (ok) // a part that could not be appended (a full disk) is kept
+            std::remove(part.c_str());
+    }
+    // RIFF sizes are 32 bits: a longer file keeps its audio, with the sizes at their maximum.
+    unsigned char field[4];
+    put_le32(field, static_cast<uint32_t>(std::min<int64_t>(end - 8, UINT32_MAX)));
+    const bool riff = std::fflush(whole) == 0 && fseeko(whole, 4, SEEK_SET) == 0 &&
+                      std::fwrite(field, 1, 4, whole) == 4;
+    put_le32(field, static_cast<uint32_t>(std::min<int64_t>(end - data, UINT32_MAX)));
+    if (riff && fseeko(whole, static_cast<off_t>(data - 4), SEEK_SET) == 0)
+        std::fwrite(field, 1, 4, whole);
+    if (std::fflush(whole) == 0) {
+        const int ignored = ftruncate(fileno(whole), static_cast<off_t>(end));
+        (void)ignored;
+    }
+    std::fclose(whole);
 }
 
 #ifdef AEPLAY_HOST_PLATFORM

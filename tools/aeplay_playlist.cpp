@@ -7,7 +7,9 @@
 #include <cstring>
 #include <dirent.h>
 #include <fstream>
+#include <set>
 #include <sys/stat.h>
+#include <utility>
 
 #include <zip.h>
 
@@ -16,7 +18,7 @@ namespace aeplay {
 namespace {
 
 const char kZipTag[] = ":#zip(";
-const int kMaxNesting = 8; // playlists naming playlists, at most this deep
+const int kMaxNesting = 8; // folders in folders and playlists naming playlists, at most this deep
 
 std::string lower(std::string s) {
     for (char &c : s)
@@ -61,9 +63,55 @@ bool is_zip(const std::string &path) {
     return ends_with(lower(path), ".zip");
 }
 
-void expand(const std::string &input, int depth, PlayList *list);
+// Folders and playlists by device and inode number.
+using FileId = std::pair<dev_t, ino_t>;
 
-void expand_folder(const std::string &dir, int depth, PlayList *list) {
+// One expansion of the inputs: the list being built and the folders and playlists being
+// expanded on the current path. A symbolic link back into a folder above, or a playlist that
+// names itself (directly or through another one), is met again while it is still open and
+// skipped, instead of repeating until the nesting limit.
+struct Walk {
+    PlayList *list;
+    std::set<FileId> open;
+};
+
+// Marks a folder or playlist as open for the lifetime of this object. repeated(): it already
+// was, further up the path, so it must not be expanded again here.
+class Visit {
+public:
+    Visit(const std::string &path, Walk *walk) : walk_(walk) {
+        struct stat st;
+        if (stat(path.c_str(), &st) != 0)
+            return; // not identifiable; opening it will fail and be reported
+        id_ = FileId(st.st_dev, st.st_ino);
+        entered_ = walk_->open.insert(id_).second;
+        repeated_ = !entered_;
+    }
+    ~Visit() {
+        if (entered_)
+            walk_->open.erase(id_);
+    }
+    Visit(const Visit &) = delete;
+    Visit &operator=(const Visit &) = delete;
+
+    bool repeated() const { return repeated_; }
+
+private:
+    Walk *walk_;
+    FileId id_{};
+    bool entered_ = false;
+    bool repeated_ = false;
+};
+
+void expand(const std::string &input, int depth, Walk *walk);
+
+void expand_folder(const std::string &dir, int depth, Walk *walk) {
+    PlayList *list = walk->list;
+    const Visit visit(dir, walk);
+    if (visit.repeated()) {
+        list->errors.push_back("skipped folder " + dir + ": it leads back into itself");
+        return;
+    }
     DIR *d = opendir(dir.c_str());
     if (d == nullptr) {
         list->errors.push_back("cannot read folder " + dir + ": " + std::strerror(errno));
@@ -80,14 +128,22 @@ void expand_folder(const std::string &dir, int depth, PlayList *list) {
         const std::string path = join(dir, name);
         if (is_dir(path)) {
             if (depth < kMaxNesting)
-                expand_folder(path, depth + 1, list);
+                expand_folder(path, depth + 1, walk);
+            else
+                list->errors.push_back("folders nested too deeply, skipped " + path);
         } else if (is_file(path) && has_audio_extension(name)) {
             list->paths.push_back(path);
         }
     }
 }
 
-void expand_playlist(const std::string &file, int depth, PlayList *list) {
+void expand_playlist(const std::string &file, int depth, Walk *walk) {
+    PlayList *list = walk->list;
+    const Visit visit(file, walk);
+    if (visit.repeated()) {
+        list->errors.push_back("skipped playlist " + file + ": it includes itself");
+        return;
+    }
     std::ifstream in(file);
     if (!in) {
         list->errors.push_back("cannot read playlist " + file);
@@ -108,13 +164,14 @@ void expand_playlist(const std::string &file, int depth, PlayList *list) {
         line.erase(0, start);
         const std::string entry = line[0] == '/' ? line : join(base, line);
         if (depth >= kMaxNesting)
-            list->errors.push_back("playlists nested too deeply at " + entry);
+            list->errors.push_back("playlists nested too deeply, skipped " + entry);
         else
-            expand(entry, depth + 1, list);
+            expand(entry, depth + 1, walk);
     }
 }
 
-void expand(const std::string &input, int depth, PlayList *list) {
+void expand(const std::string &input, int depth, Walk *walk) {
+    PlayList *list = walk->list;
     const size_t tag = input.find(kZipTag);
     if (tag != std::string::npos && !input.empty() && input.back() == ')') {
         const std::string archive = input.substr(0, tag);
@@ -125,11 +182,11 @@ void expand(const std::string &input, int depth, PlayList *list) {
         return;
     }
     if (is_dir(input)) {
-        expand_folder(input, depth, list);
+        expand_folder(input, depth, walk);
     } else if (!is_file(input)) {
         list->errors.push_back("no such file: " + input);
     } else if (is_playlist(input)) {
-        expand_playlist(input, depth, list);
+        expand_playlist(input, depth, walk);
     } else if (is_zip(input)) {
         std::string error;
         if (!list_zip_members(input, &list->paths, &error))
@@ -137,6 +194,23 @@ void expand(const std::string &input, int depth, PlayList *list) {
     } else {
         list->paths.push_back(input);
     }
+}
+
+// Whether a zip member is left out of the list: hidden files and folders (a name part starting
+// with '.', as in folder listings) and the "__MACOSX/" tree of resource forks some archivers
+// add.
+bool is_hidden_member(const std::string &name) {
+    if (name.compare(0, 9, "__MACOSX/") == 0)
+        return true;
+    for (size_t begin = 0; begin < name.size();) {
+        if (name[begin] == '.')
+            return true;
+        const size_t slash = name.find('/', begin);
+        if (slash == std::string::npos)
+            break;
+        begin = slash + 1;
+    }
+    return false;
 }
 
 } // namespace
@@ -168,7 +242,8 @@ bool list_zip_members(const std::string &archive, std::vector<std::string> *path
     size_t found = 0;
     for (zip_int64_t i = 0; i < count; ++i) {
         const char *name = zip_get_name(zip, static_cast<zip_uint64_t>(i), 0);
-        if (name == nullptr || ends_with(name, "/") || !has_audio_extension(name))
+        if (name == nullptr || ends_with(name, "/") || !has_audio_extension(name) ||
+            is_hidden_member(name))
             continue;
         paths->push_back(archive + kZipTag + name + ")");
         ++found;
@@ -183,8 +258,9 @@ bool list_zip_members(const std::string &archive, std::vector<std::string> *path
 
 PlayList build_playlist(const std::vector<std::string> &inputs) {
     PlayList list;
+    Walk walk{&list, {}};
     for (const std::string &input : inputs)
-        expand(input, 0, &list);
+        expand(input, 0, &walk);
     return list;
 }
 
@@ -195,6 +271,22 @@ std::string display_name(const std::string &path) {
                            path.size() - tag - std::strlen(kZipTag) - 1);
     const size_t slash = path.rfind('/');
     return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+std::string printable(const std::string &text) {
+    std::string out = text;
+    for (size_t i = 0; i < out.size(); ++i) {
+        const unsigned char c = static_cast<unsigned char>(out[i]);
+        if (c == '\t' || c == '\n' || c == '\r') {
+            out[i] = ' ';
+        } else if (c < 0x20 || c == 0x7F) {
+            out[i] = '?';
+        } else if (c == 0xC2 && i + 1 < out.size() &&
+                   (static_cast<unsigned char>(out[i + 1]) & 0xE0) == 0x80) {
+            out.replace(i, 2, "?"); // a C1 control character, two bytes in UTF-8
+        }
+    }
+    return out;
 }
 
 } // namespace aeplay

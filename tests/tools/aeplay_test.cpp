@@ -1,4 +1,5 @@
 // aeplay: option parsing, play-list building, and runs of the program into WAV files.
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -6,11 +7,13 @@
 #include <string>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "aeplay_options.h"
+#include "aeplay_output.h"
 #include "aeplay_playlist.h"
 #include "test_support.h"
 
@@ -129,6 +132,12 @@ TEST(AeplayOptions, BadArgumentsAreRefusedWithOneLine) {
         {"--info=yes", "a.mp3"},
         {"--device", "hw:0", "--wav", "x.wav", "a.mp3"},
         {"--wav", "", "a.mp3"},
+        {"--start", "2147484", "a.mp3"}, // beyond the player's 32-bit milliseconds
+        {"--start", "1e10", "a.mp3"},
+        {"--wav", "--info", "a.mp3"}, // a forgotten value must not swallow the next option
+        {"--cover", "-c.png", "a.mp3"},
+        {"--device", "-", "a.mp3"},
+        {"--fallback-wav", "--tempo", "2", "a.mp3"},
     };
     for (const auto &args : bad) {
         aeplay::Options o;
@@ -140,6 +149,19 @@ TEST(AeplayOptions, BadArgumentsAreRefusedWithOneLine) {
         EXPECT_FALSE(error.empty()) << joined;
         EXPECT_EQ(error.find('\n'), std::string::npos) << joined;
     }
+}
+
+TEST(AeplayOptions, LargestStartAndNamesStartingWithADash) {
+    aeplay::Options o;
+    std::string error;
+    ASSERT_TRUE(
+        parse({"--start", "2147483", "--wav=-out.wav", "--cover=--c.png", "a.mp3"}, &o, &error))
+        << error;
+    EXPECT_EQ(o.start, 2147483);
+    EXPECT_EQ(o.wav, "-out.wav");
+    EXPECT_EQ(o.cover, "--c.png");
+    ASSERT_FALSE(parse({"--wav", "--info", "a.mp3"}, &o, &error));
+    EXPECT_NE(error.find("--wav=NAME"), std::string::npos) << error;
 }
 
 // --- Play list ---------------------------------------------------------------------------------
@@ -172,12 +194,62 @@ TEST(AeplayPlayList, M3uEntriesRelativeToThePlaylist) {
     EXPECT_NE(list.errors[0].find("missing.mp3"), std::string::npos);
 }
 
-TEST(AeplayPlayList, PlaylistThatNamesItselfStops) {
+TEST(AeplayPlayList, PlaylistThatNamesItselfListsItsTracksOnce) {
     const std::string dir = scratch("m3u_loop");
-    touch(dir + "/loop.m3u", "loop.m3u\n");
+    touch(dir + "/a.mp3");
+    touch(dir + "/b.mp3");
+    touch(dir + "/loop.m3u", "a.mp3\nloop.m3u\nb.mp3\n");
     const aeplay::PlayList list = aeplay::build_playlist({dir + "/loop.m3u"});
-    EXPECT_TRUE(list.paths.empty());
-    EXPECT_FALSE(list.errors.empty());
+    EXPECT_EQ(list.paths, (std::vector<std::string>{dir + "/a.mp3", dir + "/b.mp3"}));
+    ASSERT_EQ(list.errors.size(), 1u);
+    EXPECT_NE(list.errors[0].find("includes itself"), std::string::npos) << list.errors[0];
+}
+
+TEST(AeplayPlayList, PlaylistsNamingEachOtherListEachTrackOnce) {
+    const std::string dir = scratch("m3u_pair");
+    touch(dir + "/a.mp3");
+    touch(dir + "/b.mp3");
+    touch(dir + "/one.m3u", "a.mp3\ntwo.m3u\n");
+    touch(dir + "/two.m3u", "one.m3u\nb.mp3\n");
+    const aeplay::PlayList list = aeplay::build_playlist({dir + "/one.m3u"});
+    EXPECT_EQ(list.paths, (std::vector<std::string>{dir + "/a.mp3", dir + "/b.mp3"}));
+    EXPECT_EQ(list.errors.size(), 1u);
+}
+
+TEST(AeplayPlayList, FolderLinkedIntoItselfListsEachFileOnce) {
+    const std::string dir = scratch("folder_loop");
+    touch(dir + "/a.mp3");
+    mkdir((dir + "/sub").c_str(), 0755);
+    touch(dir + "/sub/b.mp3");
+    ASSERT_EQ(symlink(".", (dir + "/self").c_str()), 0);
+    ASSERT_EQ(symlink("..", (dir + "/sub/up").c_str()), 0);
+    const aeplay::PlayList list = aeplay::build_playlist({dir});
+    EXPECT_EQ(list.paths, (std::vector<std::string>{dir + "/a.mp3", dir + "/sub/b.mp3"}));
+    ASSERT_EQ(list.errors.size(), 2u);
+    for (const std::string &e : list.errors)
+        EXPECT_NE(e.find("leads back into itself"), std::string::npos) << e;
+}
+
+TEST(AeplayPlayList, TheSameFolderTwiceIsListedTwice) {
+    const std::string dir = scratch("folder_twice");
+    touch(dir + "/a.mp3");
+    const aeplay::PlayList list = aeplay::build_playlist({dir, dir});
+    EXPECT_EQ(list.paths, (std::vector<std::string>{dir + "/a.mp3", dir + "/a.mp3"}));
+    EXPECT_TRUE(list.errors.empty());
+}
+
+TEST(AeplayPlayList, NestingLimitIsReported) {
+    const std::string dir = scratch("folder_deep");
+    std::string path = dir;
+    for (int i = 0; i < 10; ++i) {
+        path += "/d";
+        mkdir(path.c_str(), 0755);
+        touch(path + "/t.mp3");
+    }
+    const aeplay::PlayList list = aeplay::build_playlist({dir});
+    EXPECT_EQ(list.paths.size(), 8u);
+    ASSERT_EQ(list.errors.size(), 1u);
+    EXPECT_NE(list.errors[0].find("nested too deeply"), std::string::npos) << list.errors[0];
 }
 
 TEST(AeplayPlayList, ZipArchiveGivesItsAudioMembersInOrder) {
@@ -197,6 +269,25 @@ TEST(AeplayPlayList, ZipArchiveGivesItsAudioMembersInOrder) {
     EXPECT_EQ(aeplay::display_name(list.paths[1]), "part01.mp3");
 }
 
+TEST(AeplayPlayList, ZipArchiveLeavesOutHiddenMembers) {
+    const std::string dir = scratch("zip_hidden");
+    for (const char *sub : {"/__MACOSX", "/cd1", "/.trash"})
+        mkdir((dir + sub).c_str(), 0755);
+    for (const char *name : {"/part01.mp3", "/.part01.mp3", "/__MACOSX/._part01.mp3", "/cd1/.x.mp3",
+                             "/cd1/part02.mp3", "/.trash/old.mp3"})
+        touch(dir + name);
+    ASSERT_EQ(std::system(("cd '" + dir +
+                           "' && " AE_ZIP_TOOL " -q book.zip part01.mp3 .part01.mp3 "
+                           "__MACOSX/._part01.mp3 cd1/.x.mp3 cd1/part02.mp3 .trash/old.mp3")
+                              .c_str()),
+              0);
+    const std::string zip = dir + "/book.zip";
+    const aeplay::PlayList list = aeplay::build_playlist({zip});
+    EXPECT_TRUE(list.errors.empty());
+    EXPECT_EQ(list.paths,
+              (std::vector<std::string>{zip + ":#zip(part01.mp3)", zip + ":#zip(cd1/part02.mp3)"}));
+}
+
 TEST(AeplayPlayList, ZipMemberPathsAndMissingInputs) {
     const std::string dir = scratch("zip_member");
     touch(dir + "/book.zip", "not really a zip");
@@ -214,6 +305,90 @@ TEST(AeplayPlayList, DisplayNames) {
     EXPECT_EQ(aeplay::display_name("/books/a/part1.mp3"), "part1.mp3");
     EXPECT_EQ(aeplay::display_name("plain.mp3"), "plain.mp3");
     EXPECT_EQ(aeplay::display_name("/b/book.zip:#zip(cd1/t01.mp3)"), "cd1/t01.mp3");
+}
+
+TEST(AeplayPlayList, PrintableTextHasNoControlCharacters) {
+    EXPECT_EQ(aeplay::printable("Chapter\t1\r\nEnd"), "Chapter 1  End");
+    EXPECT_EQ(aeplay::printable("a\033]0;title\007b\x7f"), "a?]0;title?b?");
+    EXPECT_EQ(aeplay::printable("x\xC2\x9B"
+                                "2Jy"),
+              "x?2Jy");                                                               // U+009B
+    EXPECT_EQ(aeplay::printable("Caf\xC3\xA9 \xC2\xA0ok"), "Caf\xC3\xA9 \xC2\xA0ok"); // kept
+}
+
+// --- WAV output ------------------------------------------------------------------------------
+
+namespace {
+
+// A 44-byte-header WAV file of 16-bit stereo samples, followed by `trailer` (another chunk).
+void write_wav(const std::string &path, const std::vector<int16_t> &samples,
+               const std::string &trailer = "") {
+    auto le = [](std::string *out, uint32_t v, int bytes) {
+        for (int i = 0; i < bytes; ++i)
+            out->push_back(static_cast<char>(v >> (8 * i)));
+    };
+    const uint32_t data = static_cast<uint32_t>(samples.size() * 2);
+    std::string b = "RIFF";
+    le(&b, 36 + data + static_cast<uint32_t>(trailer.size()), 4);
+    b += "WAVEfmt ";
+    le(&b, 16, 4);
+    le(&b, 1, 2);         // PCM
+    le(&b, 2, 2);         // channels
+    le(&b, 44100, 4);     // rate
+    le(&b, 44100 * 4, 4); // bytes per second
+    le(&b, 4, 2);         // bytes per frame
+    le(&b, 16, 2);        // bits
+    b += "data";
+    le(&b, data, 4);
+    for (int16_t v : samples)
+        le(&b, static_cast<uint16_t>(v), 2);
+    b += trailer;
+    std::ofstream(path, std::ios::binary) << b;
+}
+
+} // namespace
+
+TEST(AeplayOutput, NumberedPartsAreAppendedToTheWav) {
+    const std::string dir = scratch("merge");
+    const std::string wav = dir + "/out.wav";
+    std::vector<int16_t> first(2 * 1000), second(2 * 300000), third(2 * 7);
+    for (size_t i = 0; i < first.size(); ++i)
+        first[i] = static_cast<int16_t>(i);
+    for (size_t i = 0; i < second.size(); ++i)
+        second[i] = static_cast<int16_t>(i * 7);
+    for (size_t i = 0; i < third.size(); ++i)
+        third[i] = static_cast<int16_t>(-1 - static_cast<int>(i));
+    write_wav(wav, first, std::string("LIST\4\0\0\0abcd", 12)); // cut off by the merge
+    write_wav(wav + ".0001", second);
+    write_wav(wav + ".0002", third);
+    aeplay::Output output;
+    output.wavPath = wav;
+    aeplay::finish_output(output);
+
+    std::vector<int16_t> all(first);
+    all.insert(all.end(), second.begin(), second.end());
+    all.insert(all.end(), third.begin(), third.end());
+    std::vector<int16_t> samples;
+    int channels = 0;
+    ASSERT_TRUE(ae_test::read_wav(wav, &samples, &channels));
+    EXPECT_EQ(channels, 2);
+    EXPECT_TRUE(samples == all) << samples.size() << " samples, expected " << all.size();
+    struct stat st {};
+    ASSERT_EQ(stat(wav.c_str(), &st), 0);
+    EXPECT_EQ(static_cast<size_t>(st.st_size), 44 + all.size() * 2);
+    EXPECT_NE(access((wav + ".0001").c_str(), F_OK), 0);
+    EXPECT_NE(access((wav + ".0002").c_str(), F_OK), 0);
+}
+
+TEST(AeplayOutput, AWavWithoutPartsIsLeftAsItIs) {
+    const std::string dir = scratch("merge_none");
+    const std::string wav = dir + "/out.wav";
+    write_wav(wav, std::vector<int16_t>(200, 5), std::string("LIST\4\0\0\0abcd", 12));
+    const std::string before = read_file(wav);
+    aeplay::Output output;
+    output.wavPath = wav;
+    aeplay::finish_output(output);
+    EXPECT_TRUE(read_file(wav) == before);
 }
 
 // --- The program -----------------------------------------------------------------------------
