@@ -67,24 +67,28 @@ int main(int argc, char **argv) {
     player->SetPlayList(tracks);
     player->SetMode(IPlayer::Sequential);
 
-    // 3. Play the first track from its start.
+    // 3. Play the first track from its start. PlayTrack returns 0 once the file has opened;
+    //    whether playback then started shows in the state (Stopped: it did not).
     int status = 0;
-    if (player->PlayTrack(0, -1, false) != 0) {
+    if (player->PlayTrack(0, -1, false) != 0 || player->GetState() == IPlayer::Stopped) {
         std::fprintf(stderr, "cannot play %s\n", argv[1]);
         status = 1;
     }
 
     // 4. The application's loop: every state change is handled here, never in the callback.
     //    HandlePlayerStateChanged starts the next track when the current one has finished; in
-    //    Sequential mode the state stays Finished after the last one.
+    //    Sequential mode the state stays Finished after the last one. Stopped means the player
+    //    gave up (the sound output was lost, or the next track did not start): no further state
+    //    change will come, so the loop must end rather than wait again.
     while (status == 0) {
         events.wait();
         if (player->GetState() == IPlayer::Finished) {
             player->HandlePlayerStateChanged();
             if (player->GetState() == IPlayer::Finished)
                 break; // the end of the list
-        } else if (player->GetState() == IPlayer::Stopped) {
-            std::fprintf(stderr, "playback stopped (no sound output?)\n");
+        }
+        if (player->GetState() == IPlayer::Stopped) {
+            std::fprintf(stderr, "playback stopped\n");
             status = 1;
         }
     }
