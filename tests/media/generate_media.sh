@@ -96,6 +96,15 @@ if [ ! -e tone440_corrupt.mp3 ]; then
     mv .tmp.$$.corrupt tone440_corrupt.mp3
 fi
 
+# The 3 s WAV with a header that claims 7 samples per second (byte rate 28): damaged beyond
+# what any filter can run.
+if [ ! -e rate_7hz.wav ]; then
+    cp tone440_3s.wav .tmp.$$.rate
+    printf '\007\000\000\000\034\000\000\000' |
+        dd of=.tmp.$$.rate bs=1 seek=24 conv=notrunc status=none
+    mv .tmp.$$.rate rate_7hz.wav
+fi
+
 # --- Tags, chapters and cover pictures -------------------------------------------------------
 # make_tagged: as make, but the tags and chapters mapped on the command line are kept.
 make_tagged() {

@@ -20,6 +20,7 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <string>
@@ -29,6 +30,9 @@ namespace {
 // Bound of one formatted argument string, terminator included.
 const size_t kFilterArgsSize = 512;
 const int kOutputRate = 44100;
+// Streams claiming fewer samples per second than this are damaged, not audio: the tempo filter
+// cannot size its window for them (it aborts the process below 24 Hz).
+const int kMinStreamRate = 1000;
 
 const char *sampleFmtName(int format) {
     const char *name = av_get_sample_fmt_name(static_cast<AVSampleFormat>(format));
@@ -78,6 +82,11 @@ int AudioEngine::init_filter_graph(AVFormatContext * /*format*/, AVStream *audio
     const AVCodecParameters *par = audio->codecpar;
     char args[kFilterArgsSize];
     int ret;
+
+    if (par->sample_rate < kMinStreamRate) {
+        AE_LOG(2, "unsupported sample rate %d", par->sample_rate);
+        return AVERROR(EINVAL);
+    }
 
     // Source. A stream without a channel mask gets the usual layout for its channel count:
     // declaring more channels than the decoded frames carry would make the source read past
