@@ -53,7 +53,10 @@ INSTANTIATE_TEST_SUITE_P(
                       BadFile{"not_audio.mp3", "Failed to open %s", "Text"},
                       BadFile{"video_only_3s.mp4", "Could not find audio stream", "VideoOnly"},
                       // The filters could not run it (one of them would abort the process).
-                      BadFile{"rate_7hz.wav", "unsupported sample rate 7", "SampleRate7Hz"}),
+                      BadFile{"rate_7hz.wav", "unsupported sample rate 7", "SampleRate7Hz"},
+                      // ... or would take gigabytes of buffers.
+                      BadFile{"rate_1ghz.wav", "unsupported sample rate 1195853639",
+                              "SampleRate1GHz"}),
     [](const ::testing::TestParamInfo<BadFile> &info) { return std::string(info.param.name); });
 
 // --- Files that play in part ------------------------------------------------------------------

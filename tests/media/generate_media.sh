@@ -96,13 +96,18 @@ if [ ! -e tone440_corrupt.mp3 ]; then
     mv .tmp.$$.corrupt tone440_corrupt.mp3
 fi
 
-# The 3 s WAV with a header that claims 7 samples per second (byte rate 28): damaged beyond
-# what any filter can run.
+# The 3 s WAV with a header that claims 7 samples per second (byte rate 28), and one that
+# claims 1,195,853,639 (0x47474747; byte rate 0x1c1c1c1c): damaged beyond what the filters run.
 if [ ! -e rate_7hz.wav ]; then
     cp tone440_3s.wav .tmp.$$.rate
     printf '\007\000\000\000\034\000\000\000' |
         dd of=.tmp.$$.rate bs=1 seek=24 conv=notrunc status=none
     mv .tmp.$$.rate rate_7hz.wav
+fi
+if [ ! -e rate_1ghz.wav ]; then
+    cp tone440_3s.wav .tmp.$$.rate
+    printf 'GGGG\034\034\034\034' | dd of=.tmp.$$.rate bs=1 seek=24 conv=notrunc status=none
+    mv .tmp.$$.rate rate_1ghz.wav
 fi
 
 # --- Tags, chapters and cover pictures -------------------------------------------------------

@@ -30,9 +30,11 @@ namespace {
 // Bound of one formatted argument string, terminator included.
 const size_t kFilterArgsSize = 512;
 const int kOutputRate = 44100;
-// Streams claiming fewer samples per second than this are damaged, not audio: the tempo filter
-// cannot size its window for them (it aborts the process below 24 Hz).
+// Streams claiming a rate outside these bounds are damaged, not audio: below, the tempo filter
+// cannot size its window (it aborts the process under 24 Hz); above, the filters' buffers
+// grow with the rate into gigabytes. Real audio stays well inside (8 kHz to 768 kHz).
 const int kMinStreamRate = 1000;
+const int kMaxStreamRate = 1536000;
 
 const char *sampleFmtName(int format) {
     const char *name = av_get_sample_fmt_name(static_cast<AVSampleFormat>(format));
@@ -83,7 +85,7 @@ int AudioEngine::init_filter_graph(AVFormatContext * /*format*/, AVStream *audio
     char args[kFilterArgsSize];
     int ret;
 
-    if (par->sample_rate < kMinStreamRate) {
+    if (par->sample_rate < kMinStreamRate || par->sample_rate > kMaxStreamRate) {
         AE_LOG(2, "unsupported sample rate %d", par->sample_rate);
         return AVERROR(EINVAL);
     }
