@@ -270,14 +270,6 @@ static int pcm_poll_revents(snd_pcm_ioplug_t *io, struct pollfd *pfd, unsigned i
     return 0;
 }
 
-static int pcm_delay(snd_pcm_ioplug_t *io, snd_pcm_sframes_t *delay) {
-    struct pcm *p = io->private_data;
-    pthread_mutex_lock(&card.mu);
-    *delay = (snd_pcm_sframes_t)(p->written - consumed(p, now_ns()));
-    pthread_mutex_unlock(&card.mu);
-    return 0;
-}
-
 static const snd_pcm_ioplug_callback_t pcm_callbacks = {
     .start = pcm_start,
     .stop = pcm_stop,
@@ -289,34 +281,28 @@ static const snd_pcm_ioplug_callback_t pcm_callbacks = {
     .drain = pcm_drain,
     .pause = pcm_pause,
     .poll_revents = pcm_poll_revents,
-    .delay = pcm_delay,
 };
 
 static int pcm_constraints(snd_pcm_ioplug_t *io) {
     static const unsigned int access = SND_PCM_ACCESS_RW_INTERLEAVED;
     static const unsigned int format = SND_PCM_FORMAT_S16_LE;
+    /* At least 4096 frames of buffer, so that 500 ms at 8000 Hz rounds up instead of failing. */
+    static const unsigned int ranges[][3] = {
+        {SND_PCM_IOPLUG_HW_CHANNELS, 2, 2},
+        {SND_PCM_IOPLUG_HW_RATE, 1, 192000},
+        {SND_PCM_IOPLUG_HW_BUFFER_BYTES, 4096 * FRAME_BYTES, 4u << 20},
+        {SND_PCM_IOPLUG_HW_PERIOD_BYTES, 16 * FRAME_BYTES, 1u << 20},
+        {SND_PCM_IOPLUG_HW_PERIODS, 2, 1024},
+    };
     int err = snd_pcm_ioplug_set_param_list(io, SND_PCM_IOPLUG_HW_ACCESS, 1, &access);
     if (err >= 0)
         err = snd_pcm_ioplug_set_param_list(io, SND_PCM_IOPLUG_HW_FORMAT, 1, &format);
-    if (err >= 0)
-        err = snd_pcm_ioplug_set_param_minmax(io, SND_PCM_IOPLUG_HW_CHANNELS, 2, 2);
-    if (err >= 0)
-        err = snd_pcm_ioplug_set_param_minmax(io, SND_PCM_IOPLUG_HW_RATE, 1, 192000);
-    /* At least 4096 frames, so that 500 ms at 8000 Hz rounds up instead of failing. */
-    if (err >= 0)
-        err = snd_pcm_ioplug_set_param_minmax(io, SND_PCM_IOPLUG_HW_BUFFER_BYTES,
-                                              4096 * FRAME_BYTES, 4u << 20);
-    if (err >= 0)
-        err = snd_pcm_ioplug_set_param_minmax(io, SND_PCM_IOPLUG_HW_PERIOD_BYTES, 16 * FRAME_BYTES,
-                                              1u << 20);
-    if (err >= 0)
-        err = snd_pcm_ioplug_set_param_minmax(io, SND_PCM_IOPLUG_HW_PERIODS, 2, 1024);
+    for (size_t i = 0; err >= 0 && i < sizeof ranges / sizeof ranges[0]; i++)
+        err = snd_pcm_ioplug_set_param_minmax(io, (int)ranges[i][0], ranges[i][1], ranges[i][2]);
     return err;
 }
 
 SND_PCM_PLUGIN_DEFINE_FUNC(vcard) {
-    (void)root;
-    (void)conf;
     if (stream != SND_PCM_STREAM_PLAYBACK)
         return -EINVAL;
     pthread_mutex_lock(&card.mu);
@@ -391,7 +377,6 @@ static void ctl_close(snd_ctl_ext_t *ext) {
 }
 
 static int ctl_elem_count(snd_ctl_ext_t *ext) {
-    (void)ext;
     return mixer_hidden() ? 0 : 1;
 }
 
@@ -402,7 +387,6 @@ static void set_elem_id(snd_ctl_elem_id_t *id) {
 }
 
 static int ctl_elem_list(snd_ctl_ext_t *ext, unsigned int offset, snd_ctl_elem_id_t *id) {
-    (void)ext;
     if (offset != 0 || mixer_hidden())
         return -EINVAL;
     set_elem_id(id);
@@ -410,7 +394,6 @@ static int ctl_elem_list(snd_ctl_ext_t *ext, unsigned int offset, snd_ctl_elem_i
 }
 
 static snd_ctl_ext_key_t ctl_find_elem(snd_ctl_ext_t *ext, const snd_ctl_elem_id_t *id) {
-    (void)ext;
     int named = snd_ctl_elem_id_get_interface(id) == SND_CTL_ELEM_IFACE_MIXER &&
                 snd_ctl_elem_id_get_index(id) == 0 &&
                 strcmp(snd_ctl_elem_id_get_name(id), ELEM_NAME) == 0;
@@ -420,8 +403,6 @@ static snd_ctl_ext_key_t ctl_find_elem(snd_ctl_ext_t *ext, const snd_ctl_elem_id
 
 static int ctl_get_attribute(snd_ctl_ext_t *ext, snd_ctl_ext_key_t key, int *type,
                              unsigned int *acc, unsigned int *count) {
-    (void)ext;
-    (void)key;
     *type = SND_CTL_ELEM_TYPE_INTEGER;
     *acc = SND_CTL_EXT_ACCESS_READWRITE;
     *count = 1;
@@ -430,8 +411,6 @@ static int ctl_get_attribute(snd_ctl_ext_t *ext, snd_ctl_ext_key_t key, int *typ
 
 static int ctl_get_integer_info(snd_ctl_ext_t *ext, snd_ctl_ext_key_t key, long *imin, long *imax,
                                 long *istep) {
-    (void)ext;
-    (void)key;
     pthread_mutex_lock(&card.mu);
     *imin = card.mixer_min;
     *imax = card.mixer_max;
@@ -441,15 +420,11 @@ static int ctl_get_integer_info(snd_ctl_ext_t *ext, snd_ctl_ext_key_t key, long 
 }
 
 static int ctl_read_integer(snd_ctl_ext_t *ext, snd_ctl_ext_key_t key, long *value) {
-    (void)ext;
-    (void)key;
     *value = vcard_mixer_value();
     return 0;
 }
 
 static int ctl_write_integer(snd_ctl_ext_t *ext, snd_ctl_ext_key_t key, long *value) {
-    (void)ext;
-    (void)key;
     pthread_mutex_lock(&card.mu);
     if (card.mixer_write_count < MIXER_WRITES)
         card.mixer_writes[card.mixer_write_count] = *value;
@@ -468,11 +443,6 @@ static int ctl_changed(struct ctl *c, int consume) {
         c->seen_changes = card.mixer_changes;
     pthread_mutex_unlock(&card.mu);
     return changed;
-}
-
-static void ctl_subscribe_events(snd_ctl_ext_t *ext, int subscribe) {
-    if (subscribe)
-        ctl_changed(ext->private_data, 1);
 }
 
 static int ctl_read_event(snd_ctl_ext_t *ext, snd_ctl_elem_id_t *id, unsigned int *event_mask) {
@@ -502,14 +472,11 @@ static const snd_ctl_ext_callback_t ctl_callbacks = {
     .get_integer_info = ctl_get_integer_info,
     .read_integer = ctl_read_integer,
     .write_integer = ctl_write_integer,
-    .subscribe_events = ctl_subscribe_events,
     .read_event = ctl_read_event,
     .poll_revents = ctl_poll_revents,
 };
 
 SND_CTL_PLUGIN_DEFINE_FUNC(vcard) {
-    (void)root;
-    (void)conf;
     struct ctl *c = calloc(1, sizeof *c);
     if (!c)
         return -ENOMEM;
@@ -525,8 +492,6 @@ SND_CTL_PLUGIN_DEFINE_FUNC(vcard) {
     snprintf(c->ext.id, sizeof c->ext.id, "vcard");
     snprintf(c->ext.driver, sizeof c->ext.driver, "vcard");
     snprintf(c->ext.name, sizeof c->ext.name, "Virtual sound card");
-    snprintf(c->ext.longname, sizeof c->ext.longname, "Virtual sound card");
-    snprintf(c->ext.mixername, sizeof c->ext.mixername, "Virtual mixer");
     c->ext.poll_fd = fd;
     c->ext.callback = &ctl_callbacks;
     c->ext.private_data = c;
