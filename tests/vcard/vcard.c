@@ -22,6 +22,7 @@
 #define EVENT_BYTES (1 << 20)
 #define MIXER_WRITES 4096
 #define FRAME_BYTES 4
+#define WRITES 65536
 
 static struct {
     pthread_mutex_t mu;
@@ -37,6 +38,8 @@ static struct {
     int capture_fd; /* anonymous file: the capture never counts as the process's memory */
     size_t captured;
     int open_count;
+    struct vcard_write writes[WRITES];
+    size_t write_count;
     size_t event_bytes;
     char events[EVENT_BYTES];
 } card = {.mu = PTHREAD_MUTEX_INITIALIZER, .mixer_max = 255, .capture_fd = -1};
@@ -156,12 +159,18 @@ static snd_pcm_sframes_t pcm_transfer(snd_pcm_ioplug_t *io, const snd_pcm_channe
             card.write_after -= n;
         }
         capture_locked(data, (size_t)n);
-        int64_t now = now_ns();
+        int64_t now = now_ns(), dry = 0;
         if (p->running && !p->paused && consumed(p, now) >= p->written) {
             /* Ran dry: the device idles until this data arrives instead of racing ahead. */
+            if (p->speed > 0)
+                dry = now - p->t_base -
+                      (int64_t)((p->written - p->consumed_base) * 1e9 / (p->rate * p->speed));
             p->consumed_base = p->written;
             p->t_base = now;
         }
+        if (card.write_count < WRITES)
+            card.writes[card.write_count] = (struct vcard_write){now, (long)n, dry > 0 ? dry : 0};
+        card.write_count++;
         p->written += (uint64_t)n;
         event_locked("write %ld", (long)n);
     }
@@ -517,7 +526,7 @@ void vcard_setup(void) {
     card.mixer_min = card.mixer_value = 0;
     card.mixer_max = 255;
     card.mixer_changes++;
-    card.mixer_write_count = card.captured = card.event_bytes = 0;
+    card.mixer_write_count = card.captured = card.event_bytes = card.write_count = 0;
     if (card.capture_fd >= 0 && ftruncate(card.capture_fd, 0) != 0)
         perror("vcard: capture");
     pthread_mutex_unlock(&card.mu);
@@ -565,6 +574,14 @@ size_t vcard_mixer_writes(long *values, size_t max) {
     size_t n = card.mixer_write_count;
     for (size_t i = 0; i < n && i < max && i < MIXER_WRITES; i++)
         values[i] = card.mixer_writes[i];
+    pthread_mutex_unlock(&card.mu);
+    return n;
+}
+
+size_t vcard_writes(struct vcard_write *out, size_t max) {
+    pthread_mutex_lock(&card.mu);
+    size_t n = card.write_count;
+    memcpy(out, card.writes, sizeof *out * (n < max ? (n < WRITES ? n : WRITES) : max));
     pthread_mutex_unlock(&card.mu);
     return n;
 }

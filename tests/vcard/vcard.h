@@ -36,6 +36,16 @@ void vcard_hide_mixer(int hidden);
 size_t vcard_captured_frames(void);
 size_t vcard_capture(int16_t *out, size_t max_frames);
 
+/* Every write since the reset: when it came (CLOCK_MONOTONIC ns), the frames it carried and how
+ * long the paced clock had run dry before it (silence a listener heard). Returns how many there
+ * were; only the first 65536 are kept. */
+struct vcard_write {
+    int64_t ns;
+    long frames;
+    int64_t dry_ns;
+};
+size_t vcard_writes(struct vcard_write *out, size_t max);
+
 /* Events, one line each: "open <rate>", "open-fail <errno>", "write <frames>", "xrun", "gone",
  * "prepare", "pause <0|1>", "drain", "drop" (a live stream stopped), "close". vcard_events()
  * joins them with '\n' in a buffer the caller frees. */
