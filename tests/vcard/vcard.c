@@ -581,7 +581,8 @@ size_t vcard_mixer_writes(long *values, size_t max) {
 size_t vcard_writes(struct vcard_write *out, size_t max) {
     pthread_mutex_lock(&card.mu);
     size_t n = card.write_count;
-    memcpy(out, card.writes, sizeof *out * (n < max ? (n < WRITES ? n : WRITES) : max));
+    size_t copy = n < max ? n : max;
+    memcpy(out, card.writes, sizeof *out * (copy < WRITES ? copy : WRITES));
     pthread_mutex_unlock(&card.mu);
     return n;
 }
