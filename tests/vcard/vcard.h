@@ -2,7 +2,7 @@
  * virtual clock) and a control plugin with one element, "mpd_volume". Both live in the shared
  * library that the test binaries link, so libasound's dlopen of it finds this process's card.
  * A process that loads it only through ALSA (aeplay run by a test) gets a card with the
- * defaults. */
+ * defaults, paced by the environment variable VCARD_SPEED (as vcard_set_speed; unset: 0). */
 #ifndef AE_TESTS_VCARD_H
 #define AE_TESTS_VCARD_H
 
