@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -47,46 +48,43 @@ protected:
 TEST_F(AlsaDevice, RingHandsOutPiecesInTurnAndRefusesAnyOther) {
     enum Op { Get, Push, Init, Deinit, Working };
     // Pieces: 'A' and 'B' the first and second handed out, '0' none, 's' a stray one.
-    const struct {
-        Op op;
-        char piece;
-        int rc;
-    } steps[] = {{Get, 'A', 0},    {Get, 'A', 0},   {Push, 's', -1}, {Push, '0', -1},
-                 {Get, 'A', 0},    {Push, 'A', 0},  {Get, 'B', 0},   {Push, 'B', 0},
-                 {Get, '0', 0},    {Push, 'A', -1}, {Push, '0', -1}, {Get, '0', 0},
-                 {Deinit, 0, 1},   {Init, 0, 0},    {Init, 0, 1},    {Working, 0, 1},
-                 {Deinit, 0, 0},   {Deinit, 0, 1},  {Working, 0, 0}, {Get, 'A', 0},
-                 {Push, 'A', -19}, {Init, 0, 0},    {Working, 0, 1}, {Push, 'A', 0}};
+    const std::tuple<Op, char, int> steps[] = {
+        {Get, 'A', 0},    {Get, 'A', 0},  {Push, 's', -1}, {Push, '0', -1}, {Get, 'A', 0},
+        {Push, 'A', 0},   {Get, 'B', 0},  {Push, 'B', 0},  {Get, '0', 0},   {Push, 'A', -1},
+        {Push, '0', -1},  {Get, '0', 0},  {Deinit, 0, 1},  {Init, 0, 0},    {Init, 0, 1},
+        {Working, 0, 1},  {Deinit, 0, 0}, {Deinit, 0, 1},  {Working, 0, 0}, {Get, 'A', 0},
+        {Push, 'A', -19}, {Init, 0, 0},   {Working, 0, 1}, {Push, 'A', 0}};
     abuf_piece stray{}, *seen[2] = {nullptr, nullptr};
     auto piece_of = [&](char c) { return c == 's' ? &stray : c == '0' ? nullptr : seen[c - 'A']; };
-    for (size_t i = 0; i < std::size(steps); ++i) {
-        const auto &s = steps[i];
-        SCOPED_TRACE("step " + std::to_string(i));
-        abuf_piece *got = s.op == Get ? get_output_buffer() : nullptr;
-        if (s.op == Get && s.piece != '0' && seen[s.piece - 'A'] == nullptr)
-            seen[s.piece - 'A'] = got;
+    for (const auto &[op, piece, rc] : steps) {
+        SCOPED_TRACE("step " + std::to_string(&op - &std::get<0>(steps[0])));
+        abuf_piece *got = op == Get ? get_output_buffer() : nullptr;
+        if (op == Get && piece != '0' && seen[piece - 'A'] == nullptr)
+            seen[piece - 'A'] = got;
         if (got != nullptr)
             *got = abuf_piece{44100, 16, {}};
-        EXPECT_EQ(s.op == Get      ? (got == piece_of(s.piece) ? 0 : -100)
-                  : s.op == Push   ? push_output_buffer(piece_of(s.piece))
-                  : s.op == Init   ? init_alsa_output()
-                  : s.op == Deinit ? deinit_alsa_output()
-                                   : alsa_output_working(),
-                  s.rc);
+        EXPECT_EQ(op == Get      ? (got == piece_of(piece) ? 0 : -100)
+                  : op == Push   ? push_output_buffer(piece_of(piece))
+                  : op == Init   ? init_alsa_output()
+                  : op == Deinit ? deinit_alsa_output()
+                                 : alsa_output_working(),
+                  rc);
     }
     EXPECT_NE(seen[0], seen[1]);
+    // The device name is cut to its buffer and selects the device of the next open.
     const std::string long_name(1500, 'x');
     EXPECT_EQ(std::string(set_alsa_device_name(long_name.c_str())), long_name.substr(0, 1023));
+    set_alsa_device_name("null");
+    push(44100, 1024, 1);
+    ASSERT_TRUE(ae_test::wait_until([] { return is_alsa_opened() == 1; }, 5000));
+    EXPECT_EQ(vcard_count_events("open"), 0);
 }
 
 TEST_F(AlsaDevice, OpenAndCloseTheDevice) {
     enum Call { Open, Close, Pause };
-    const struct {
-        Call call;
-        int arg, fail, fails, rc; // rate, drain or pause; injected open error and its count
-        const char *event;        // events starting with this since the card was reset
-        int count, opened;
-    } steps[] = {
+    // Call, its argument (rate, drain, pause), an open error injected and how many opens meet
+    // it, the answer, then the count of events starting with a prefix, and whether it is open.
+    const std::tuple<Call, int, int, int, int, const char *, int, int> steps[] = {
         {Open, -1, 0, 0, 1, "open 44100", 1, 1}, // a negative rate means 44100 Hz
         {Open, 96000, 0, 0, 1, "close", 1, 1},   // the open device is closed first
         {Open, 96001, 0, 0, 0, "open ", 2, 0},   // refused, leaving no handle behind
@@ -97,94 +95,60 @@ TEST_F(AlsaDevice, OpenAndCloseTheDevice) {
         {Open, 44100, -ENODEV, 1, 0, "open-fail -19", 1, 0}, // gives up at once
         {Open, 44100, 0, 0, 1, "open 44100", 3, 1},
         {Close, 0, 0, 0, 1, "drain", 1, 0},
-        {Close, 0, 0, 0, 0, "close", 5, 0},
-    };
-    for (size_t i = 0; i < std::size(steps); ++i) {
-        const auto &s = steps[i];
-        SCOPED_TRACE("step " + std::to_string(i));
-        if (s.fails)
-            vcard_fail_open(s.fail, s.fails);
-        EXPECT_EQ(s.call == Open    ? open_alsa(s.arg)
-                  : s.call == Close ? (s.arg ? close_alsa() : close_alsa_ex(0))
-                                    : pause_alsa(s.arg),
-                  s.rc);
-        EXPECT_EQ(vcard_count_events(s.event), s.count);
-        EXPECT_EQ(is_alsa_opened() + vcard_is_open(), 2 * s.opened);
+        {Close, 0, 0, 0, 0, "close", 5, 0}};
+    for (const auto &[call, arg, fail, fails, rc, event, count, opened] : steps) {
+        SCOPED_TRACE(std::to_string(call) + " " + std::to_string(arg) + " " + event);
+        if (fails)
+            vcard_fail_open(fail, fails);
+        EXPECT_EQ(call == Open    ? open_alsa(arg)
+                  : call == Close ? (arg ? close_alsa() : close_alsa_ex(0))
+                                  : pause_alsa(arg),
+                  rc);
+        EXPECT_EQ(vcard_count_events(event), count);
+        EXPECT_EQ(is_alsa_opened() + vcard_is_open(), 2 * opened);
     }
 }
 
 TEST_F(AlsaDevice, PlayThreadPlaysWhatIsPushed) {
-    const struct {
-        const char *device;
-        int fault, rate, rate_after;     // write error once 1000 frames are in; rates of the pieces
-        std::vector<int> frames, heard;  // frames of each piece; the pieces the card plays
-        std::vector<const char *> order; // events in this order, the first one first
-        const char *absent;
-        int working;
-    } rows[] = {
-        {"",
-         0,
-         44100,
-         44100,
-         {4608, 1, 1000, 4607, 4608, 2, 333, 4608},
-         {0, 1, 2, 3, 4, 5, 6, 7},
-         {"open 44100"},
-         "close",
-         1},
-        {"", 0, 44100, 44100, {100000}, {0}, {"open 44100"}, "xrun", 1},
-        {"", -ENODEV, 44100, 44100, {1000, 1000}, {0}, {"open 44100", "gone"}, "xrun", 0},
-        {"",
-         0,
-         22050,
-         48000,
-         {2000, 2000},
-         {0, 1},
-         {"open 22050", "drain", "open 48000"},
-         "drop",
-         1},
-        {"",
-         -EPIPE,
-         44100,
-         44100,
-         {1000, 1000, 1000, 1000},
-         {0, 2, 3},
-         {"open 44100", "xrun", "prepare"},
-         "close",
-         1},
-        {"null", 0, 44100, 44100, {1024}, {}, {}, "open", 1},
-    };
-    for (const auto &r : rows) {
-        SCOPED_TRACE(std::to_string(&r - rows));
+    // Write error once 1000 frames are in; the rates of the first and later pieces; the frames of
+    // each piece; the first piece the card loses (the fault's); events in this order, the first
+    // one first; an event that must not happen; whether the output works on.
+    using Row = std::tuple<int, int, int, std::vector<int>, size_t, std::vector<const char *>,
+                           const char *, int>;
+    const Row rows[] = {
+        {0, 44100, 44100, {4608, 1, 1000, 4607, 4608, 2, 333, 4608}, 9, {"open 44100"}, "drop", 1},
+        {0, 44100, 44100, {100000}, 9, {"open 44100"}, "xrun", 1},
+        {-ENODEV, 44100, 44100, {1000, 1000}, 1, {"open 44100", "gone"}, "xrun", 0},
+        {0, 22050, 48000, {2000, 2000}, 9, {"open 22050", "drain", "open 48000"}, "drop", 1},
+        {-EPIPE, 44100, 44100, {1000, 1000, 1000}, 1, {"open 44100", "xrun"}, "drop", 1}};
+    for (const auto &[fault, rate, rate_after, frames, lost, order, absent, works] : rows) {
+        SCOPED_TRACE(std::to_string(&fault - &std::get<0>(rows[0])));
         SetUp();
-        set_alsa_device_name(r.device);
-        if (r.fault)
-            vcard_fail_write_after(r.fault, 1000);
+        if (fault)
+            vcard_fail_write_after(fault, 1000);
         ASSERT_EQ(init_alsa_output(), 0);
-        std::vector<std::vector<int16_t>> sent;
-        for (int frames : r.frames)
-            sent.push_back(
-                push(sent.empty() ? r.rate : r.rate_after, frames, int(sent.size()) + 1));
-        std::vector<int16_t> expected, heard;
-        for (int k : r.heard)
-            expected.insert(expected.end(), sent[k].begin(), sent[k].end());
+        std::vector<int16_t> expected;
+        for (size_t i = 0; i < frames.size(); ++i) {
+            auto sent = push(i ? rate_after : rate, frames[i], static_cast<int>(i) + 1);
+            if (i != lost)
+                expected.insert(expected.end(), sent.begin(), sent.end());
+        }
         ASSERT_TRUE(ae_test::wait_until(
-            [&] {
+            [&, works = works] {
                 return vcard_captured_frames() >= expected.size() / 2 &&
-                       alsa_output_working() == r.working && is_alsa_opened() == r.working;
+                       alsa_output_working() == works && is_alsa_opened() == works;
             },
             5000));
-        heard.resize(vcard_captured_frames() * 2);
-        heard.resize(vcard_capture(heard.data(), heard.size() / 2) * 2);
-        EXPECT_EQ(heard, expected);
+        EXPECT_EQ(ae_test::captured_samples(), expected);
         char *text = vcard_events();
         const std::string events = text;
         free(text);
         size_t at = 0;
-        for (const char *event : r.order)
+        for (const char *event : order)
             EXPECT_NE(at = events.find(event, at), std::string::npos) << event << " in\n" << events;
-        EXPECT_TRUE(r.order.empty() || events.rfind(r.order[0], 0) == 0) << events;
-        EXPECT_EQ(vcard_count_events(r.absent), 0) << events;
-        if (!r.working) { // stopped until it is reset
+        EXPECT_EQ(events.rfind(order[0], 0), 0u) << events;
+        EXPECT_EQ(vcard_count_events(absent), 0) << events;
+        if (!works) { // stopped until it is reset
             push(44100, 10, 9, -19);
             EXPECT_EQ(init_alsa_output(), 1);
         }
@@ -204,7 +168,6 @@ TEST_F(AlsaDevice, IdleDeviceClosesAndTheNextPieceReopensAtTheUsersVolume) {
     EXPECT_EQ(vcard_mixer_value(), 51);
     EXPECT_EQ(pause_alsa(1) + pause_alsa(0), 0);
     EXPECT_EQ(vcard_count_events("pause 1") + vcard_count_events("pause 0"), 2);
-
     // A second without audio closes the device, dropping what is queued, and the mixer.
     ASSERT_TRUE(ae_test::wait_until([] { return is_alsa_opened() == 0; }, 5000));
     EXPECT_EQ(vcard_count_events("drop") + 10 * vcard_count_events("drain"), 1);
@@ -222,13 +185,10 @@ TEST_F(AlsaDevice, IdleDeviceClosesAndTheNextPieceReopensAtTheUsersVolume) {
 
 // The 0..100 volume onto the control's range and back, and the ramp of one unit per step.
 TEST_F(AlsaDevice, MixerMapsAndRampsTheControl) {
-    const struct {
-        long min, max, value; // range; the value at the start and read back at the end
-        bool hidden;
-        std::vector<int> calls; // AlsaMixerSetVolume(v), or a ramp to v - 1000 when v >= 900
-        std::vector<long> writes;
-        long read; // volume read back from `value`
-    } rows[] = {
+    // Range; the control's value at the start and when read back; no control; calls:
+    // AlsaMixerSetVolume(v), or a ramp to v - 1000 when v >= 900; the values written; the
+    // volume read back.
+    const std::tuple<long, long, long, bool, std::vector<int>, std::vector<long>, long> rows[] = {
         {0, 255, 127, false, {100, 50, 0, 101, -1}, {255, 127, 0, 255, 0}, 49},
         {10, 20, 17, false, {55, 100, 0}, {15, 20, 10}, 70},
         {5, 5, 5, false, {}, {}, 0}, // an empty range reads as 0
@@ -236,27 +196,26 @@ TEST_F(AlsaDevice, MixerMapsAndRampsTheControl) {
         {0, 100, 50, false, {1050}, {49, 50}, 50}, // steps away and back
         // A second ramp, and a direct set, wait for the running one to arrive.
         {0, 100, 0, false, {1005, 1002, 7}, {1, 2, 3, 4, 5, 4, 3, 2, 7}, 0},
-        {0, 255, 0, true, {50}, {}, -5}, // no control: nothing written or read
-    };
-    for (const auto &r : rows) {
-        SCOPED_TRACE(std::to_string(r.min) + ".." + std::to_string(r.max));
+        {0, 255, 0, true, {50}, {}, -5}}; // nothing written or read
+    for (const auto &[min, max, value, hidden, calls, expected, read] : rows) {
+        SCOPED_TRACE(std::to_string(min) + ".." + std::to_string(max));
         vcard_setup();
-        vcard_set_mixer_range(r.min, r.max);
-        vcard_set_mixer_value(r.value);
-        vcard_hide_mixer(r.hidden);
-        ASSERT_EQ(AlsaMixerInit("mpd_volume"), r.hidden ? 2 : 0);
-        for (int v : r.calls)
+        vcard_set_mixer_range(min, max);
+        vcard_set_mixer_value(value);
+        vcard_hide_mixer(hidden);
+        ASSERT_EQ(AlsaMixerInit("mpd_volume"), hidden ? 2 : 0);
+        for (int v : calls)
             EXPECT_EQ(v >= 900 ? AlsaMixerSetSoftVolume(v - 1000) : AlsaMixerSetVolume(v),
-                      r.hidden ? -1 : 0);
+                      hidden ? -1 : 0);
         EXPECT_EQ(AlsaMixerDestroy(), 1); // joins the ramp
         std::vector<long> writes(64);
         writes.resize(vcard_mixer_writes(writes.data(), writes.size()));
-        EXPECT_EQ(writes, r.writes);
-        vcard_set_mixer_value(r.value);
+        EXPECT_EQ(writes, expected);
+        vcard_set_mixer_value(value);
         AlsaMixerInit("mpd_volume");
         long volume = -5;
-        EXPECT_EQ(AlsaMixerGetVolume(&volume), r.hidden ? 2 : 0);
-        EXPECT_EQ(volume, r.read);
+        EXPECT_EQ(AlsaMixerGetVolume(&volume), hidden ? 2 : 0);
+        EXPECT_EQ(volume, read);
         AlsaMixerDestroy();
     }
 }
