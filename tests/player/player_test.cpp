@@ -1,5 +1,4 @@
-// The playlist player through IPlayer, over a real engine playing on the
-// virtual card.
+// The playlist player through IPlayer, over a real engine playing on the virtual card.
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -78,8 +77,7 @@ protected:
     }
     void TearDown() override {
         AudioEngine_DestroyPlayer(player);
-        deinit_alsa_output(); // the next test opens the device afresh, at its own
-                              // speed
+        deinit_alsa_output(); // the next test opens the device afresh, at its own speed
         close_alsa_ex(0);
     }
     std::string playing() { return player->GetPlayingTrack().filename; }
@@ -89,9 +87,8 @@ protected:
 };
 
 TEST_F(Player, NextAndPreviousByModeAtTheEndsOfTheList) {
-    // Mode (7: unknown); list size; index played first (-1: a file the list then
-    // lost); Next (1) or Previous (0); the current track afterwards; how many
-    // tracks the call started.
+    // Mode (7: unknown); list size; index played first (-1: a file the list then lost); Next (1) or
+    // Previous (0); the current track afterwards; how many tracks the call started.
     const std::tuple<int, int, int, bool, int, int> rows[] = {
         {0, 5, 2, 1, 2, 1},  {0, 5, 2, 0, 2, 1},   {1, 5, 4, 1, 0, 1},  {1, 5, 0, 0, 4, 1},
         {2, 5, 4, 1, 4, 0},  {2, 5, 0, 0, 0, 0},   {2, 5, 2, 1, 3, 1},  {2, 5, 2, 0, 1, 1},
@@ -120,10 +117,9 @@ TEST_F(Player, NextAndPreviousByModeAtTheEndsOfTheList) {
     }
 }
 
-// The order drawn for `n` tracks seeded with the time of SetMode: indices by
-// key rand() % n, ties in list order. From outside the list NextTrack starts
-// index 0, then both directions walk the order with wrap, visiting every track
-// once per turn.
+// The order drawn for `n` tracks seeded with the time of SetMode: indices by key rand() % n, ties
+// in list order. From outside the list NextTrack starts index 0, then both directions walk the
+// order with wrap, visiting every track once per turn.
 TEST_F(Player, ShuffleWalksTheSeededOrder) {
     for (int n : {1, 2, 5, 13}) {
         player->SetPlayList(media_list(n + 1));
@@ -152,9 +148,8 @@ TEST_F(Player, ShuffleWalksTheSeededOrder) {
     }
 }
 
-// Files queued to play next come first in every mode, also at the end of the
-// list; Previous ignores them. The queue holds files: it follows them across
-// playlists and drops the gone.
+// Files queued to play next come first in every mode, also at the end of the list; Previous ignores
+// them. The queue holds files: it follows them across playlists and drops the gone.
 TEST_F(Player, PlayNextQueueComesFirst) {
     std::vector<Track> list = media_list(6);
     player->SetPlayList(list);
@@ -200,8 +195,8 @@ TEST_F(Player, PlayNextQueueComesFirst) {
     EXPECT_EQ(rec->trackChanged, changes);
 }
 
-// Lookups take the first entry of a file; a new list keeps the playing file
-// current; an empty list stops playback at the next move.
+// Lookups take the first entry of a file; a new list keeps the playing file current; an empty list
+// stops playback at the next move.
 TEST_F(Player, PlaylistChangesFollowThePlayingFile) {
     std::vector<Track> list = media_list(6);
     list.push_back(list[5]);
@@ -225,9 +220,8 @@ TEST_F(Player, PlaylistChangesFollowThePlayingFile) {
     }
 }
 
-// Tracks out of the list or whose file is gone are refused without touching
-// playback; a file the engine cannot open stops it. Either way the current
-// track stays.
+// Tracks out of the list or whose file is gone are refused without touching playback; a file the
+// engine cannot open stops it. Either way the current track stays.
 TEST_F(Player, FailedStartsLeaveTheCurrentTrack) {
     std::vector<Track> list = media_list(2);
     list.push_back(track(ae_test::tmp_path("player_no_such_file.wav")));
@@ -246,9 +240,8 @@ TEST_F(Player, FailedStartsLeaveTheCurrentTrack) {
     EXPECT_EQ(playing(), list[1].filename);
 }
 
-// A track ends on the play thread; handed back on the application's thread, the
-// player moves on. The middle track's decoding fails part-way: it ends like any
-// other.
+// A track ends on the play thread; handed back on the application's thread, the player moves on.
+// The middle track's decoding fails part-way: it ends like any other.
 TEST_F(Player, TrackEndsAdvanceOnTheApplicationsThread) {
     std::vector<Track> list = media_list(2);
     list.insert(list.begin() + 1, track(ae_test::media_path("tone440_corrupt.mp3")));
@@ -274,9 +267,8 @@ TEST_F(Player, TransportStatesAndSeconds) {
     player->SetPlayList({track(ae_test::media_path("tone440_10s.mp3"))});
     player->TogglePlaying(); // no current track yet: nothing to restart
     EXPECT_EQ(player->GetState(), IPlayer::Stopped);
-    // P, A, S and 9: SetState(Playing, Paused, Stopped, 9); T: TogglePlaying.
-    // Playing from Stopped starts the first track only when nothing is open;
-    // Toggle restarts a stopped one.
+    // P, A, S and 9: SetState(Playing, Paused, Stopped, 9); T: TogglePlaying. Playing from Stopped
+    // starts the first track only when nothing is open; Toggle restarts a stopped one.
     const std::string calls = "PTTA9PSPT", states = "121221001";
     for (size_t i = 0; i < calls.size(); ++i) {
         const int state = std::string("SPA9").find(calls[i]);
@@ -312,8 +304,7 @@ TEST_F(Player, VolumeTempoRateAndChapters) {
         EXPECT_EQ(vcard_mixer_value() > 0, !hidden);
         AudioEngine_DestroyPlayer(other);
     }
-    // Tempo (1) or rate multiplier (0), the value set, the value read back (1.5:
-    // refused).
+    // Tempo (1) or rate multiplier (0), the value set, the value read back (1.5: refused).
     const double nan = std::nan("");
     const std::tuple<bool, double, double> rows[] = {
         {1, 0.25, 0.25}, {1, 4.0, 4.0}, {1, 0.2, 1.5},  {1, 4.5, 1.5},  {1, nan, 1.5},
@@ -351,8 +342,8 @@ TEST_F(Player, DetachedCallbackObjectHearsNothing) {
     EXPECT_EQ(rec->events, 0);
 }
 
-// Random calls on short files at a fast card, track ends handed back between them; half the
-// players are destroyed while they play. Bounded to about 40 s.
+// Random calls on short files at a fast card, track ends handed back between them; half the players
+// are destroyed while they play. Bounded to about 40 s.
 TEST_F(Player, SoakOfRandomCallsWithTrackEnds) {
     std::vector<Track> files = media_list(8);
     files.push_back(track(ae_test::media_path("tone440_corrupt.mp3")));
