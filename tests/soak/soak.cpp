@@ -45,7 +45,7 @@ int main(int argc, char **argv) {
     Events events;
     player->setCb(&events);
     std::mutex calls;
-    std::atomic<long> ops{0}, violations{0};
+    std::atomic<long> ops{0}, violations{0}, listed{static_cast<long>(list.size())};
     const auto end = Clock::now() + std::chrono::milliseconds(static_cast<long>(minutes * 60000));
     player->SetPlayList(list);
     player->SetMode(IPlayer::RepeatList);
@@ -68,7 +68,7 @@ int main(int argc, char **argv) {
             },
             [&] { player->getMetadata(), player->getChapters(), player->getCover(); },
             [&] { player->openFile(list[pick(0, n - 1)].filename); },
-            [&] { player->SetPlayList(Tracks(list.end() - pick(1, n), list.end())); },
+            [&] { player->SetPlayList(Tracks(list.end() - (listed = pick(1, n)), list.end())); },
         };
         for (; Clock::now() < end && violations == 0; ++ops) {
             std::this_thread::sleep_for(std::chrono::milliseconds(pick(0, 40)));
@@ -85,7 +85,7 @@ int main(int argc, char **argv) {
         const int state = player->GetState(), pos = player->GetTrackPosition();
         const int size = player->GetTrackSize(), current = player->GetCurrentTrack();
         if (state < 0 || state > 3 || pos < 0 || size < 0 || (size > 0 && pos > size) ||
-            current < -1 || current >= static_cast<int>(list.size()))
+            current < -1 || current >= listed)
             violations += fprintf(stderr, "soak: state %d position %d/%d track %d\n", state, pos,
                                   size, current) != 0;
         if (tick % static_cast<long>(check_s * 50 + 1) != 0)
