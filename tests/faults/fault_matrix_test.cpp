@@ -76,7 +76,7 @@ struct FaultTest : ::testing::TestWithParam<Row> {
     }
     void open(const std::string &path) { ASSERT_EQ(engine->openFile(path), 0) << log.dump(); }
     // The 10 s tone from a caller stream whose reads return nothing from failFrom halves on.
-    void openStream(size_t failFrom, bool seekable, int seekMs = -1) {
+    void openStream(size_t failFrom, bool seekable = true, int seekMs = -1) {
         stream = std::make_unique<MemoryStream>(media_path("tone440_10s.mp3"));
         stream->failReadsFrom(failFrom == kAny ? kAny : stream->size() * failFrom / 2, 0);
         if (!seekable)
@@ -87,23 +87,24 @@ struct FaultTest : ::testing::TestWithParam<Row> {
     // The file's bytes edited, written to a scratch file which is then opened (`zip`: as the only
     // member of a stored archive).
     void openEdited(const std::string &file, bool zip, const std::function<void(Bytes &)> &edit) {
-        const std::string path = tmp_path("faults_" + std::to_string(getpid()) + "_" + file);
-        const std::string media = media_path(file);
-        const std::string command =
-            "rm -f " + path +
-            (zip ? "; zip -q -X -0 -j " + path + " " + media : "; cp " + media + " " + path);
-        ASSERT_EQ(system(command.c_str()), 0);
-        Bytes bytes = read_file(path);
+        scratch = tmp_path("faults_" + std::to_string(getpid()) + "_" + file);
+        const std::string command = "rm -f " + scratch + "; zip -q -X -0 -j " + scratch + " ";
+        ASSERT_TRUE(!zip || system((command + media_path(file)).c_str()) == 0);
+        Bytes bytes = read_file(zip ? scratch : media_path(file));
         edit(bytes);
-        ASSERT_TRUE(write_file(path, bytes));
-        engine->openFile(zip ? path + ":#zip(" + file + ")" : path);
+        ASSERT_TRUE(write_file(scratch, bytes));
+        engine->openFile(zip ? scratch + ":#zip(" + file + ")" : scratch);
+    }
+    // Starts with the card at `speed` and waits until it has played more than `frames`.
+    void playFor(double speed, size_t frames) {
+        vcard_set_speed(speed);
+        ASSERT_EQ(engine->start(), 0);
+        ASSERT_TRUE(wait_until([=] { return vcard_captured_frames() > frames; }, 10000));
     }
     // Paused while the device goes: briefly (it stays open: a write finds it gone) or longer than
     // the output's idle second (it was closed: the reopen finds it missing).
     void goneWhilePaused(int pausedMs) {
-        vcard_set_speed(1.0);
-        ASSERT_EQ(engine->start(), 0);
-        ASSERT_TRUE(wait_until([] { return vcard_captured_frames() > kRate / 10; }, 10000));
+        playFor(1.0, kRate / 10);
         engine->pause();
         ASSERT_TRUE(pausedMs < 1000 || wait_until([] { return vcard_is_open() == 0; }, 10000));
         pausedMs < 1000 ? vcard_fail_write_after(-ENODEV, 0) : vcard_fail_open(-ENODEV, -1);
@@ -115,6 +116,7 @@ struct FaultTest : ::testing::TestWithParam<Row> {
     IAudioEngine *engine = nullptr;
     LogCapture log;
     std::unique_ptr<MemoryStream> stream;
+    std::string scratch;
     std::mutex mutex;
     std::string notes;
 };
@@ -179,9 +181,8 @@ void neverFalls(FaultTest &) {
 }
 
 void releaseStream(FaultTest &t) { // nothing the engine does after closeFile touches the stream
-    t.openStream(kAny, true);
-    ASSERT_EQ(t.engine->start(), 0);
-    ASSERT_TRUE(wait_until([&] { return vcard_captured_frames() > 3 * kRate; }, 10000));
+    t.openStream(kAny);
+    t.playFor(0, 3 * kRate);
     t.engine->closeFile();
     t.stream->retire();
     t.engine->getPosition();
@@ -193,15 +194,6 @@ void releaseStream(FaultTest &t) { // nothing the engine does after closeFile to
     t.open(media_path("tone440_3s.mp3"));
     std::lock_guard<std::mutex> lock(t.mutex);
     t.notes.clear();
-}
-
-void deleteWhilePlaying(FaultTest &t) {
-    t.openEdited("tone440_10s.mp3", false, [](Bytes &) {});
-    vcard_set_speed(8.0);
-    ASSERT_EQ(t.engine->start(), 0);
-    ASSERT_TRUE(wait_until([] { return vcard_captured_frames() > kRate; }, 10000));
-    ASSERT_EQ(unlink(tmp_path("faults_" + std::to_string(getpid()) + "_tone440_10s.mp3").c_str()),
-              0);
 }
 
 // A position set on the player while stopped does not outlive the track it was set on.
@@ -223,30 +215,38 @@ const char kTone[] = "tone440_3s.wav", kLong[] = "tone440_10s.mp3";
 void cutTenths(FaultTest &t, const char *file, int tenths) {
     t.openEdited(file, false, [tenths](Bytes &b) { b.resize(b.size() * tenths / 10); });
 }
+template <int error, int count> void failOpen(FaultTest &) {
+    vcard_fail_open(error, count);
+}
+template <int error, long frames> void failWrite(FaultTest &) {
+    vcard_fail_write_after(error, frames);
+}
 
 // clang-format off
 std::vector<Row> rows() {
     std::vector<Row> r = {
-        {"DeviceMissingAtOpen", kTone, Refused, [](FaultTest &) { vcard_fail_open(-ENODEV, -1); },
+        {"DeviceMissingAtOpen", kTone, Refused, failOpen<-ENODEV, -1>,
          {{"No such device", -1}}, {{"open-fail -19", 1}, {"open ", 1}}},
-        {"DeviceBusyFor50Attempts", kTone, Finished, [](FaultTest &) { vcard_fail_open(-EBUSY, 50); },
+        {"DeviceBusyFor50Attempts", kTone, Finished, failOpen<-EBUSY, 50>,
          {}, {{"open-fail -16", 50}}, size_t(2.5 * kRate)},
-        {"DeviceBusyFor200Attempts", kTone, Refused, [](FaultTest &) { vcard_fail_open(-EBUSY, 200); },
+        {"DeviceBusyFor200Attempts", kTone, Refused, failOpen<-EBUSY, 200>,
          {}, {{"open-fail -16", 102}}},
         // The piece that met the underrun is dropped; the rest plays.
-        {"UnderrunMidTrack", kTone, Finished, [](FaultTest &) { vcard_fail_write_after(-EPIPE, kRate); },
+        {"UnderrunMidTrack", kTone, Finished, failWrite<-EPIPE, kRate>,
          {}, {{"xrun", 1}}, size_t(2.5 * kRate) - kPiece},
-        {"DeviceGoneMidTrack", kTone, Refused, [](FaultTest &) { vcard_fail_write_after(-ENODEV, kRate); },
+        {"DeviceGoneMidTrack", kTone, Refused, failWrite<-ENODEV, kRate>,
          {{"No device", 2}}, {{"gone", 1}}, kRate, kRate + kPiece},
-        {"DeviceGoneWhilePausedBriefly", kLong, Refused, [](FaultTest &t) { t.goneWhilePaused(300); },
+        {"DeviceGoneWhilePausedBriefly", kLong, Refused,
+         [](FaultTest &t) { t.goneWhilePaused(300); },
          {{"No device", -1}}, {{"gone", 1}}, 0, kAny, "SS"},
-        {"DeviceGoneWhilePausedLong", kLong, Refused, [](FaultTest &t) { t.goneWhilePaused(1500); },
+        {"DeviceGoneWhilePausedLong", kLong, Refused,
+         [](FaultTest &t) { t.goneWhilePaused(1500); },
          {{"No such device", -1}}, {{"gone", 0}}, 0, kAny, "SS"},
         {"MixerControlMissing", kTone, Finished, nullptr, {}, {}, size_t(2.5 * kRate), kAny, "",
-         [](FaultTest &t) { EXPECT_TRUE(t.engine->setVolume(50) != 0 && t.engine->getVolume() == -1); }},
-        {"StreamReadsZeroForeverFromStart", "", OpenFails, [](FaultTest &t) { t.openStream(0, true); },
+         [](FaultTest &t) { EXPECT_TRUE(t.engine->setVolume(50) && t.engine->getVolume() == -1); }},
+        {"StreamReadsZeroForeverFromStart", "", OpenFails, [](FaultTest &t) { t.openStream(0); },
          {}, {}, 0, kAny, "", [](FaultTest &t) { EXPECT_LT(t.stream->reads.load(), 1000); }},
-        {"StreamReadsZeroForeverInTheMiddle", "", Finished, [](FaultTest &t) { t.openStream(1, true); },
+        {"StreamReadsZeroForeverInTheMiddle", "", Finished, [](FaultTest &t) { t.openStream(1); },
          {}, {}, 4 * kRate, 6 * kRate},
         // The failed seek is logged and playback goes on from the start.
         {"StreamSeekFails", "", Finished, [](FaultTest &t) { t.openStream(kAny, false, 8000); },
@@ -255,17 +255,24 @@ std::vector<Row> rows() {
         {"ZipMemberTruncatedInArchive", "", FinishedOrOpenFails,
          [](FaultTest &t) { t.openEdited("steps_10s.mp3", true, cutZipMember); },
          {}, {}, 6 * kRate, 8 * kRate, "", neverFalls},
-        {"ZipMemberCrcError", "", Finished, [](FaultTest &t) { t.openEdited(kLong, true, [](Bytes &b) {
-             b[30 + b[26] + b[28] + 60000] ^= 0x5a; }); }}, // a data byte, past the local header
-        {"FileDeletedWhilePlaying", "", Finished, deleteWhilePlaying, {}, {}, 9 * kRate},
+        {"ZipMemberCrcError", "", Finished, [](FaultTest &t) {
+             t.openEdited(kLong, true, [](Bytes &b) { b[30 + b[26] + b[28] + 60000] ^= 0x5a; });
+         }}, // a byte of the member's data, past its local header
+        {"FileDeletedWhilePlaying", "", Finished, [](FaultTest &t) {
+             t.openEdited(kLong, false, [](Bytes &) {});
+             t.playFor(8.0, kRate);
+             ASSERT_EQ(unlink(t.scratch.c_str()), 0);
+         }, {}, {}, 9 * kRate},
         {"PlayerPositionAfterAnotherTrackOpened", "", OwnChecks, positionOutlivesTrack},
     };
     // Files cut at every tenth: the open fails for a known reason, or what is there plays.
-    for (const char *file : {"tone440_3s.wav", "tone440_3s.mp3", "tone440_3s.flac", "tone440_3s.ogg",
-                             "tone440_3s.opus", "tone440_3s.m4a", "cover_jpeg_3s.mp3"})
+    for (const char *file : {"tone440_3s.wav", "tone440_3s.mp3", "tone440_3s.flac",
+                             "tone440_3s.ogg", "tone440_3s.opus", "tone440_3s.m4a",
+                             "cover_jpeg_3s.mp3"})
         for (int tenths = 1; tenths <= 9; ++tenths)
-            r.push_back({std::regex_replace(file, std::regex("\\."), "_") + "_cut_at_" + std::to_string(tenths * 10),
-                         "", FinishedOrOpenFails, [=](FaultTest &t) { cutTenths(t, file, tenths); },
+            r.push_back({std::regex_replace(file, std::regex("\\."), "_") + "_cut_at_" +
+                             std::to_string(tenths * 10), "", FinishedOrOpenFails,
+                         [=](FaultTest &t) { cutTenths(t, file, tenths); },
                          {}, {}, 0, size_t(3.5 * kRate)});
     return r;
 }
