@@ -173,7 +173,8 @@ int ae_fuzz_zip(const uint8_t *data, size_t size) {
         .write(reinterpret_cast<const char *>(archive.p), archive.n);
     const std::string member(reinterpret_cast<const char *>(name.p), name.n);
     play(engine(), engine()->openFile(path + ":#zip(" + member + ")") == 0, ops, 200, 200);
-    return remove(path.c_str()) * 0;
+    remove(path.c_str());
+    return 0;
 }
 
 // [tone format] [tempo] [rate] [equaliser] [operations...] over a 400 ms 440 Hz S16 tone made

@@ -4,6 +4,7 @@
 // log lines, card events, notifications and sound length, within a deadline so a hang fails.
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <mutex>
@@ -32,14 +33,17 @@ enum Outcome { Finished, Refused, OpenFails, FinishedOrOpenFails, OwnChecks };
 struct FaultTest;
 using Act = std::function<void(FaultTest &)>;
 
+// logs: lines containing the text, how many (-1: at least one at error level); events: card
+// events starting with the text, how many; sequence: the notifications before the answer's own
+// (S state, E<state> error, P position at the end).
 struct Row {
     std::string name, media; // media: opened before `act` unless empty
     Outcome outcome;
     Act act;
-    std::vector<std::pair<std::string, int>> logs = {}, events = {}; // lines with the text / card
-    size_t minFrames = 0, maxFrames = kAny; // events starting with it: how many
-    std::string sequence = "";              // S state, E<state> error, P position at end
-    Act after = nullptr;
+    std::vector<std::pair<std::string, int>> logs = {}, events = {};
+    size_t minFrames = 0, maxFrames = kAny; // sound captured by the card
+    std::string sequence = "";
+    Act after = nullptr; // checks once the answer came
 };
 
 struct FaultTest : ::testing::TestWithParam<Row> {
@@ -66,6 +70,7 @@ struct FaultTest : ::testing::TestWithParam<Row> {
     }
     void note(char kind) { // position updates only at the end; errors with the state inside
         const int state = engine->getState();
+        positions += kind == 'P';
         std::lock_guard<std::mutex> lock(mutex);
         if (kind != 'P' || state == 3)
             notes += kind + (kind == 'E' ? std::to_string(state) : "");
@@ -119,6 +124,7 @@ struct FaultTest : ::testing::TestWithParam<Row> {
     std::string scratch;
     std::mutex mutex;
     std::string notes;
+    std::atomic<int> positions{0};
 };
 
 TEST_P(FaultTest, AnswersAndRecovers) {
@@ -182,7 +188,8 @@ void neverFalls(FaultTest &) {
 
 void releaseStream(FaultTest &t) { // nothing the engine does after closeFile touches the stream
     t.openStream(kAny);
-    t.playFor(0, 3 * kRate);
+    ASSERT_EQ(t.engine->start(), 0);
+    ASSERT_TRUE(wait_until([&] { return t.positions >= 3; }, 10000));
     t.engine->closeFile();
     t.stream->retire();
     t.engine->getPosition();
