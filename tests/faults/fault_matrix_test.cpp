@@ -67,6 +67,7 @@ struct FaultTest : ::testing::TestWithParam<Row> {
             close_alsa_ex(0);
             AlsaMixerDestroy();
         });
+        unlink(scratch.c_str());
     }
     void note(char kind) { // position updates only at the end; errors with the state inside
         const int state = engine->getState();
