@@ -1,288 +1,216 @@
-#include "fuzz_harness.h"
-
-#include <atomic>
-#include <cerrno>
-#include <chrono>
-#include <cmath>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <limits>
-#include <thread>
-
-#include <sys/stat.h>
+// The fuzz targets: one engine on the virtual card at speed 0, the log silenced (AE_FUZZ_LOG shows
+// it), values drawn from the input (zeros once it is exhausted), bounded playback between checks
+// that always hold. libFuzzer targets with AE_FUZZ_TARGET; the replay test calls them directly.
 #include <unistd.h>
 
-#include "alsa_device.h"
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <thread>
+
+#include "IAudioEngine.h"
 #include "host_platform.h"
 #include "vcard.h"
-
 extern "C" {
 #include <libavformat/avio.h>
 #include <libavutil/error.h>
 }
 
-#ifndef AE_FUZZ_ALSA_CONFIG
-#define AE_FUZZ_ALSA_CONFIG ""
-#endif
+#define CHECK(c) ((c) ? (void)0 : (fprintf(stderr, "check failed: %s\n", #c), abort()))
 
-#define FUZZ_CHECK(cond)                                                                           \
-    do {                                                                                           \
-        if (!(cond)) {                                                                             \
-            fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond);               \
-            abort();                                                                               \
-        }                                                                                          \
-    } while (0)
-
-namespace ae_fuzz {
 namespace {
 
-IAudioEngine *g_engine = nullptr;
+using tavrel::utilities::IAudioEngine;
 std::atomic<int> g_positions{0};
 
-void dropLog(int, const char *, int, const char *, const char *, void *) {}
+IAudioEngine *engine() {
+    static IAudioEngine *e = nullptr;
+    if (e == nullptr) {
+        setenv("ALSA_CONFIG_PATH", AE_FUZZ_ALSA_CONFIG, 0);
+        if (getenv("AE_FUZZ_LOG") == nullptr)
+            host_set_log_sink([](int, const char *, int, const char *, const char *, void *) {},
+                              nullptr, 0);
+        vcard_setup();
+        CHECK((e = AudioEngine_CreateAudioEngine()) != nullptr);
+        e->setTrackPositionChangedCb([] { ++g_positions; });
+    }
+    return e;
+}
 
-using Clock = std::chrono::steady_clock;
+struct Input {
+    const uint8_t *p;
+    size_t n, at = 0;
+    uint8_t u8() { return at < n ? p[at++] : 0; }
+    Input take(size_t k) { // the next k bytes or what is left
+        const Input part{p + at, std::min(k, n - at)};
+        at += part.n;
+        return part;
+    }
+    uint32_t le(int bytes) { // little-endian, the first byte read first
+        uint32_t v = 0;
+        for (int i = 0; i < bytes; ++i)
+            v |= static_cast<uint32_t>(u8()) << 8 * i;
+        return v;
+    }
+    // Tempo or rate: mostly inside [lo, hi], sometimes a limit, just beyond one, 1, or any double:
+    // NaN, infinities and huge values are a known finding (regressions/filters) that exploration
+    // replaces by -1 to find others; replays (AE_FUZZ_RAW_SPEEDS set) keep them.
+    double speed(double lo, double hi) {
+        const uint8_t k = u8();
+        const double limits[] = {lo, hi, lo - 0.001, hi + 0.001, 1.0};
+        if (k < 255)
+            return k < 250 ? lo + (hi - lo) * k / 249.0 : limits[k - 250];
+        uint64_t bits = le(4);
+        bits |= static_cast<uint64_t>(le(4)) << 32;
+        double v;
+        memcpy(&v, &bits, sizeof v);
+        static const bool raw = getenv("AE_FUZZ_RAW_SPEEDS") != nullptr;
+        return raw || (std::isfinite(v) && std::fabs(v) <= 16.0) ? v : -1.0;
+    }
+    std::vector<std::pair<int, int>> equalizer(size_t max) {
+        const size_t count = u8() % (max + 1);
+        std::vector<std::pair<int, int>> points;
+        while (points.size() < count && at < n) {
+            const bool wide = u8() & 0x80;
+            const int frequency = static_cast<int>(le(wide ? 4 : 2));
+            points.emplace_back(frequency, wide ? static_cast<int>(le(4)) : int8_t(u8()) % 31);
+        }
+        return points;
+    }
+};
+
+struct ByteStream : tavrel::utilities::IAudioEngineStream, Input {
+    ByteStream(const Input &in, bool seekable, bool sized)
+        : Input(in), seekable(seekable), sized(sized) {}
+    int read(uint8_t *buffer, int size) override {
+        const Input part = take(size > 0 ? static_cast<size_t>(size) : 0);
+        memcpy(buffer, part.p, part.n);
+        return part.n > 0 || size <= 0 ? static_cast<int>(part.n) : AVERROR_EOF;
+    }
+    int seek(int64_t offset, int whence) override {
+        whence &= ~AVSEEK_FORCE;
+        if (whence == AVSEEK_SIZE || !seekable || whence < SEEK_SET || whence > SEEK_END)
+            return whence == AVSEEK_SIZE && sized ? static_cast<int>(n) : -1;
+        const size_t base = whence == SEEK_SET ? 0 : whence == SEEK_CUR ? at : n;
+        const int64_t to = offset + static_cast<int64_t>(base);
+        return to < 0 || to > static_cast<int64_t>(n) ? -1 : static_cast<int>(at = to);
+    }
+    bool seekable, sized;
+};
+
+// Reads what the open media reports (the cover's first and last byte for ASan), plays it for at
+// most budgetMs of wall time or `pieces` position updates with an operation from `ops` every few
+// milliseconds (seek, pause and resume, tempo, rate, equaliser), closes it, undoes the settings.
+int play(IAudioEngine *e, bool opened, Input ops, int budgetMs, int pieces) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(budgetMs);
+    const qz_bitmap *c = opened ? e->getCover() : nullptr;
+    CHECK(!opened || (e->isFileOpened() && e->getState() == 0 && e->getDurationMs() % 1000 == 0));
+    CHECK(!opened || e->getMetadata().size() < 1u << 20);
+    CHECK(!c ||
+          (c->width > 0 && c->height > 0 && c->stride >= c->width * (c->format == 1 ? 3 : 1)));
+    volatile int ends = c ? c->data[0] + c->data[size_t(c->stride) * c->height - 1] : 0;
+    for (const IAudioEngine::Chapter &ch : e->getChapters())
+        CHECK(ch.startMs % 1000 == 0 && ch.endMs % 1000 == 0);
+    (void)ends;
+    g_positions = 0;
+    CHECK(!opened || e->start() == 0);
+    for (int s; ((s = e->getState()) == 1 || s == 2) && g_positions < pieces &&
+                std::chrono::steady_clock::now() < end;) {
+        CHECK(e->getPosition() >= 0);
+        const uint8_t op = ops.at < ops.n ? ops.u8() : 7;
+        if (op % 8 == 0 || op % 8 == 5)
+            e->seekStream(op % 8 == 0 ? static_cast<int>(ops.le(2)) * 10 : -1);
+        if (op % 8 == 1) {
+            e->pause();
+            std::this_thread::sleep_for(std::chrono::milliseconds(1 + op / 32));
+            e->resume();
+        }
+        if (op % 8 == 2)
+            e->setTempo(ops.speed(0.25, 4.0));
+        if (op % 8 == 3)
+            e->setSampleRateMultiplier(ops.speed(0.5, 2.0));
+        if (op % 8 == 4)
+            e->setEqualizerSettings(ops.equalizer(12));
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    if (e->getState() == 1 || e->getState() == 2)
+        e->stop();
+    const int s = e->getState();
+    CHECK((s == 0 || s == 3) && e->getPosition() >= 0);
+    CHECK(s == 0 || e->getPosition() == e->getDurationMs());
+    e->closeFile();
+    e->setTempo(1.0);
+    e->setSampleRateMultiplier(1.0);
+    e->setEqualizerSettings({});
+    return 0;
+}
 
 } // namespace
 
-void init() {
-    if (g_engine != nullptr)
-        return;
-    if (AE_FUZZ_ALSA_CONFIG[0] != '\0')
-        setenv("ALSA_CONFIG_PATH", AE_FUZZ_ALSA_CONFIG, 0);
-    const char *log = getenv("AE_FUZZ_LOG");
-    if (log == nullptr || strcmp(log, "1") != 0)
-        host_set_log_sink(dropLog, nullptr, 0);
-    vcard_setup();
-    vcard_set_speed(0);
-    set_alsa_device_name("");
-    g_engine = AudioEngine_CreateAudioEngine();
-    FUZZ_CHECK(g_engine != nullptr);
-    g_engine->setTrackPositionChangedCb([] { ++g_positions; });
-    g_engine->setStateChangedCb([] {});
-    g_engine->setErrorCallback([](IAudioEngine::ErrorType) {});
+// [tempo] [rate] [flags] [equaliser] [16 operations] [media read from a caller stream]
+// flags bit 0: the stream refuses seeks; bit 1: it does not know its size.
+int ae_fuzz_stream(const uint8_t *data, size_t size) {
+    IAudioEngine *e = engine();
+    Input in{data, size};
+    e->setTempo(in.speed(0.25, 4.0));
+    e->setSampleRateMultiplier(in.speed(0.5, 2.0));
+    const uint8_t flags = in.u8();
+    e->setEqualizerSettings(in.equalizer(8));
+    const Input ops = in.take(16);
+    ByteStream stream(in.take(size), !(flags & 1), !(flags & 2));
+    return play(e, e->openWithStream(&stream) == 0, ops, 300, 400);
 }
 
-IAudioEngine *engine() {
-    return g_engine;
-}
-
-double Input::f64() {
-    uint64_t bits = static_cast<uint64_t>(u32()) | (static_cast<uint64_t>(u32()) << 32);
-    double value;
-    memcpy(&value, &bits, sizeof value);
-    return value;
-}
-
-double Input::speed(double lo, double hi) {
-    const uint8_t pick = u8();
-    switch (pick) {
-    case 250:
-        return lo;
-    case 251:
-        return hi;
-    case 252:
-        return lo - 0.001;
-    case 253:
-        return hi + 0.001;
-    case 254:
-        return 1.0;
-    case 255: {
-        // Any value. NaN, infinities and values that overflow the rate arithmetic are a known
-        // finding (fuzz/regressions/filters): exploration replaces them by -1 so that it can
-        // find something else; replays of saved inputs (AE_FUZZ_RAW_SPEEDS=1) keep them.
-        const double v = f64();
-        static const bool raw = getenv("AE_FUZZ_RAW_SPEEDS") != nullptr;
-        if (raw)
-            return v;
-        return std::isfinite(v) && std::fabs(v) <= 16.0 ? v : -1.0;
-    }
-    default:
-        return lo + (hi - lo) * pick / 249.0;
-    }
-}
-
-std::vector<std::pair<int, int>> Input::equalizer(size_t max) {
-    size_t n = u8() % (max + 1);
-    std::vector<std::pair<int, int>> points;
-    for (size_t i = 0; i < n && remaining() > 0; ++i) {
-        const uint8_t kind = u8();
-        int frequency, gain;
-        if (kind & 0x80) {
-            frequency = static_cast<int>(u32());
-            gain = static_cast<int>(u32());
-        } else {
-            frequency = u16();
-            gain = static_cast<int8_t>(u8()) % 31;
-        }
-        points.emplace_back(frequency, gain);
-    }
-    return points;
-}
-
-int ByteStream::read(uint8_t *buffer, int size) {
-    if (size <= 0)
-        return 0;
-    if (pos_ >= size_)
-        return AVERROR_EOF;
-    size_t n = size_ - pos_;
-    if (n > static_cast<size_t>(size))
-        n = static_cast<size_t>(size);
-    memcpy(buffer, data_ + pos_, n);
-    pos_ += n;
-    return static_cast<int>(n);
-}
-
-int ByteStream::seek(int64_t offset, int whence) {
-    whence &= ~AVSEEK_FORCE;
-    if (whence == AVSEEK_SIZE)
-        return sized_ ? static_cast<int>(size_) : -1;
-    if (!seekable_)
-        return -1;
-    int64_t target;
-    switch (whence) {
-    case SEEK_SET:
-        target = offset;
-        break;
-    case SEEK_CUR:
-        target = static_cast<int64_t>(pos_) + offset;
-        break;
-    case SEEK_END:
-        target = static_cast<int64_t>(size_) + offset;
-        break;
-    default:
-        return -1;
-    }
-    if (target < 0 || target > static_cast<int64_t>(size_))
-        return -1;
-    pos_ = static_cast<size_t>(target);
-    return static_cast<int>(target);
-}
-
-void inspect(IAudioEngine *engine) {
-    FUZZ_CHECK(engine->isFileOpened());
-    const int64_t duration = engine->getDurationMs();
-    FUZZ_CHECK(duration >= 0);
-    FUZZ_CHECK(duration % 1000 == 0);
-    for (const auto &tag : engine->getMetadata())
-        FUZZ_CHECK(tag.first.size() + tag.second.size() < (1u << 30));
-    for (const IAudioEngine::Chapter &c : engine->getChapters()) {
-        FUZZ_CHECK(c.startMs % 1000 == 0);
-        FUZZ_CHECK(c.endMs % 1000 == 0);
-    }
-    qz_bitmap *cover = engine->getCover();
-    if (cover != nullptr) {
-        // Touch the first and the last byte of the picture: ASan checks that they exist.
-        FUZZ_CHECK(cover->width > 0 && cover->height > 0);
-        FUZZ_CHECK(cover->stride >= cover->width * (cover->format == 1 ? 3 : 1));
-        volatile uint8_t first = cover->data[0];
-        volatile uint8_t last = cover->data[static_cast<size_t>(cover->stride) * cover->height - 1];
-        (void)first;
-        (void)last;
-    }
-    FUZZ_CHECK(engine->getState() == 0);
-    FUZZ_CHECK(engine->getPosition() >= 0);
-}
-
-void playBounded(IAudioEngine *engine, Input &ops, int budgetMs, int pieces) {
-    g_positions = 0;
-    FUZZ_CHECK(engine->start() == 0);
-    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(budgetMs);
-    while (Clock::now() < deadline && g_positions < pieces) {
-        const int state = engine->getState();
-        FUZZ_CHECK(state >= 0 && state <= 3);
-        FUZZ_CHECK(engine->getPosition() >= 0);
-        if (state != 1 && state != 2)
-            break;
-        if (ops.remaining() > 0) {
-            const uint8_t op = ops.u8();
-            switch (op % 8) {
-            case 0:
-                engine->seekStream(static_cast<int>(ops.u16()) * 10);
-                break;
-            case 1:
-                engine->pause();
-                std::this_thread::sleep_for(std::chrono::milliseconds(1 + op / 32));
-                engine->resume();
-                break;
-            case 2:
-                engine->setTempo(ops.speed(0.25, 4.0));
-                break;
-            case 3:
-                engine->setSampleRateMultiplier(ops.speed(0.5, 2.0));
-                break;
-            case 4:
-                engine->setEqualizerSettings(ops.equalizer(12));
-                break;
-            case 5:
-                engine->seekStream(-1);
-                break;
-            default:
-                break;
-            }
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    const int state = engine->getState();
-    FUZZ_CHECK(state >= 0 && state <= 3);
-    if (state == 1 || state == 2)
-        engine->stop();
-    FUZZ_CHECK(engine->getState() == 0 || engine->getState() == 3);
-    FUZZ_CHECK(engine->getPosition() >= 0);
-    if (engine->getState() == 3 && engine->isFileOpened())
-        FUZZ_CHECK(engine->getPosition() == engine->getDurationMs());
-}
-
-std::vector<uint8_t> toneWav(int rate, int channels, int ms) {
-    const uint32_t frames = static_cast<uint32_t>(static_cast<int64_t>(rate) * ms / 1000);
-    const uint32_t dataBytes = frames * static_cast<uint32_t>(channels) * 2;
-    std::vector<uint8_t> out;
-    auto put32 = [&out](uint32_t v) {
-        for (int i = 0; i < 4; ++i)
-            out.push_back(static_cast<uint8_t>(v >> (8 * i)));
-    };
-    auto put16 = [&out](uint16_t v) {
-        out.push_back(static_cast<uint8_t>(v));
-        out.push_back(static_cast<uint8_t>(v >> 8));
-    };
-    auto tag = [&out](const char *t) { out.insert(out.end(), t, t + 4); };
-    tag("RIFF");
-    put32(36 + dataBytes);
-    tag("WAVE");
-    tag("fmt ");
-    put32(16);
-    put16(1);
-    put16(static_cast<uint16_t>(channels));
-    put32(static_cast<uint32_t>(rate));
-    put32(static_cast<uint32_t>(rate * channels * 2));
-    put16(static_cast<uint16_t>(channels * 2));
-    put16(16);
-    tag("data");
-    put32(dataBytes);
-    for (uint32_t i = 0; i < frames; ++i) {
-        const double s = 8000.0 * std::sin(2.0 * M_PI * 440.0 * i / rate);
-        for (int c = 0; c < channels; ++c)
-            put16(static_cast<uint16_t>(static_cast<int16_t>(s)));
-    }
-    return out;
-}
-
-std::string scratchDir() {
-    static std::string dir;
-    if (dir.empty()) {
-        struct stat st;
-        const char *base = stat("/dev/shm", &st) == 0 && S_ISDIR(st.st_mode) ? "/dev/shm" : "/tmp";
-        dir = std::string(base) + "/ae-fuzz-" + std::to_string(getpid());
-        if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST)
-            abort();
-    }
-    return dir;
-}
-
-} // namespace ae_fuzz
-
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    ae_fuzz::init();
+// [name length] [member name] [8 operations] [archive opened as <file>:#zip(<member name>)]
+int ae_fuzz_zip(const uint8_t *data, size_t size) {
+    Input in{data, size};
+    const Input name = in.take(in.u8() % 80), ops = in.take(8), archive = in.take(size);
+    static const std::string path = std::string(access("/dev/shm", W_OK) ? "/tmp" : "/dev/shm") +
+                                    "/ae-fuzz-" + std::to_string(getpid()) + ".zip";
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char *>(archive.p), archive.n);
+    const std::string member(reinterpret_cast<const char *>(name.p), name.n);
+    play(engine(), engine()->openFile(path + ":#zip(" + member + ")") == 0, ops, 200, 200);
+    remove(path.c_str());
     return 0;
 }
+
+// [tone format] [tempo] [rate] [equaliser] [operations...] over a 400 ms 440 Hz S16 tone made
+// as a WAV file at one of eight rates, stereo or (format bit 3) mono.
+int ae_fuzz_filters(const uint8_t *data, size_t size) {
+    static std::vector<uint8_t> tones[16];
+    const uint32_t rates[] = {8000, 11025, 22050, 44100, 48000, 96000, 7350, 192000};
+    IAudioEngine *e = engine();
+    Input in{data, size};
+    const uint8_t format = in.u8();
+    const uint32_t rate = rates[format % 8], channels = format & 8 ? 1 : 2;
+    const uint32_t samples = rate * 2 / 5 * channels, bytes = samples * 2;
+    // "RIFF" size "WAVE" "fmt " 16 PCM|channels rate byte-rate align|bits "data" size
+    // clang-format off
+    const uint32_t header[] = {0x46464952, 36 + bytes, 0x45564157, 0x20746d66, 16, 1 | channels << 16,
+                               rate, rate * channels * 2, channels * 2 | 16 << 16, 0x61746164, bytes};
+    // clang-format on
+    std::vector<uint8_t> &wav = tones[format & 15];
+    if (wav.empty()) { // little-endian hosts
+        wav.resize(44 + bytes);
+        memcpy(wav.data(), header, 44);
+        for (uint32_t i = 0; i < samples; ++i) {
+            const auto v =
+                static_cast<int16_t>(8000 * std::sin(2 * M_PI * 440 * (i / channels) / rate));
+            memcpy(&wav[44 + 2 * i], &v, 2);
+        }
+    }
+    e->setTempo(in.speed(0.25, 4.0));
+    e->setSampleRateMultiplier(in.speed(0.5, 2.0));
+    e->setEqualizerSettings(in.equalizer(32));
+    ByteStream stream(Input{wav.data(), wav.size()}, true, true);
+    return play(e, e->openWithStream(&stream) == 0, in, 400, 1000);
+}
+
+#ifdef AE_FUZZ_TARGET
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    return AE_FUZZ_TARGET(data, size);
+}
+#endif

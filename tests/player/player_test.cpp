@@ -1,0 +1,396 @@
+// The playlist player through IPlayer, over a real engine playing on the virtual card.
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <ctime>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <random>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "IPlayer.h"
+#include "alsa_device.h"
+#include "mp_state.h"
+#include "test_support.h"
+#include "vcard.h"
+
+namespace {
+
+using tavrel::utilities::IPlayer;
+using Track = IPlayer::Track;
+
+// Counts events. A track end seen on the play thread is posted to the application's thread (the
+// test's), which hands it back with pump(), as an application's event loop does.
+struct Recorder : tavrel::utilities::PlayerCb {
+    explicit Recorder(IPlayer *p) : player(p) {}
+    void OnTrackChanged() override { ++trackChanged, ++events; }
+    void OnPositionChanged() override { ++events; }
+    void OnStateChanged() override {
+        ++events;
+        posted += std::this_thread::get_id() != app && player->GetState() == IPlayer::Finished;
+    }
+    bool pump(int timeout_ms = 5000) {
+        if (!ae_test::wait_until([&] { return posted > 0; }, timeout_ms))
+            return false;
+        --posted;
+        player->HandlePlayerStateChanged();
+        return true;
+    }
+    IPlayer *player;
+    const std::thread::id app = std::this_thread::get_id();
+    std::atomic<int> trackChanged{0}, events{0}, posted{0};
+};
+
+Track track(const std::string &path) {
+    Track t;
+    t.filename = path;
+    return t;
+}
+
+// Up to 14 tracks of distinct short files.
+std::vector<Track> media_list(int n) {
+    static const char *const names[] = {
+        "tone440_3s.wav",      "tone440_3s.flac",      "tone440_3s.ogg",
+        "tone440_3s.mp3",      "tone1000_3s.wav",      "tone100_3s.wav",
+        "mix100_1000_3s.wav",  "known_pcm_1s.wav",     "tone440_3s_mono.wav",
+        "tone440_3s_8000.wav", "tone440_3s_22050.wav", "tone440_3s_48000.wav",
+        "tone440_3s.opus",     "tone440_3s.m4a"};
+    std::vector<Track> list;
+    for (int i = 0; i < n; ++i)
+        list.push_back(track(ae_test::media_path(names[i])));
+    return list;
+}
+
+class Player : public ::testing::Test {
+protected:
+    void SetUp() override {
+        vcard_setup();
+        player = AudioEngine_CreatePlayer();
+        rec = std::make_unique<Recorder>(player);
+        player->setCb(rec.get());
+    }
+    void TearDown() override {
+        AudioEngine_DestroyPlayer(player);
+        deinit_alsa_output(); // the next test opens the device afresh, at its own speed
+        close_alsa_ex(0);
+    }
+    std::string playing() { return player->GetPlayingTrack().filename; }
+
+    IPlayer *player = nullptr;
+    std::unique_ptr<Recorder> rec;
+};
+
+TEST_F(Player, NextAndPreviousByModeAtTheEndsOfTheList) {
+    // Mode (7: unknown); list size; index played first (-1: a file the list then lost); Next (1) or
+    // Previous (0); the current track afterwards; how many tracks the call started.
+    const std::tuple<int, int, int, bool, int, int> rows[] = {
+        {0, 5, 2, 1, 2, 1},  {0, 5, 2, 0, 2, 1},   {1, 5, 4, 1, 0, 1},  {1, 5, 0, 0, 4, 1},
+        {2, 5, 4, 1, 4, 0},  {2, 5, 0, 0, 0, 0},   {2, 5, 2, 1, 3, 1},  {2, 5, 2, 0, 1, 1},
+        {7, 5, 2, 1, 2, 1},  {7, 5, 2, 0, 2, 1},   {1, 5, -1, 1, 0, 1}, {2, 5, -1, 1, 0, 1},
+        {3, 5, -1, 1, 0, 1}, {0, 5, -1, 1, -1, 0}, {1, 5, -1, 0, 4, 1}, {2, 5, -1, 0, -1, 0},
+        {3, 5, -1, 0, 0, 1}, {0, 5, -1, 0, -1, 0}, {1, 1, 0, 0, 0, 2},  {2, 1, 0, 0, 0, 1},
+        {3, 1, 0, 0, 0, 2},  {0, 1, 0, 0, 0, 2},   {2, 1, 0, 1, 0, 0}};
+    for (const auto &[mode, n, start, next, current, starts] : rows) {
+        SCOPED_TRACE(::testing::Message() << mode << " " << n << " " << start << " " << next);
+        const std::vector<Track> list = media_list(n);
+        if (start < 0) {
+            player->SetPlayList(media_list(n + 1));
+            ASSERT_EQ(player->PlayTrack(n, -1, false), 0);
+        }
+        player->SetPlayList(list);
+        ASSERT_EQ(start < 0 ? 0 : player->PlayTrack(start, -1, false), 0);
+        ASSERT_EQ(player->GetCurrentTrack(), start);
+        player->SetMode(static_cast<IPlayer::PlayMode>(mode));
+        const std::string before = playing();
+        const int changes = rec->trackChanged;
+        next ? player->NextTrack() : player->PreviousTrack();
+        EXPECT_EQ(player->GetCurrentTrack(), current);
+        EXPECT_EQ(rec->trackChanged - changes, starts);
+        EXPECT_EQ(playing(), starts > 0 ? list[current].filename : before);
+        EXPECT_EQ(player->GetMode(), mode);
+    }
+}
+
+// The order drawn for `n` tracks seeded with the time of SetMode: indices by key rand() % n, ties
+// in list order. From outside the list NextTrack starts index 0, then both directions walk the
+// order with wrap, visiting every track once per turn.
+TEST_F(Player, ShuffleWalksTheSeededOrder) {
+    for (int n : {1, 2, 5, 13}) {
+        player->SetPlayList(media_list(n + 1));
+        ASSERT_EQ(player->PlayTrack(n, -1, false), 0);
+        player->SetPlayList(media_list(n));
+        time_t seed;
+        do {
+            seed = time(nullptr);
+            player->SetMode(IPlayer::Shuffle);
+        } while (seed != time(nullptr));
+        srand(static_cast<unsigned>(seed));
+        std::vector<std::pair<unsigned, int>> keyed;
+        for (int i = 0; i < n; ++i)
+            keyed.emplace_back(static_cast<unsigned>(rand()) % n, i);
+        std::stable_sort(keyed.begin(), keyed.end(),
+                         [](const auto &a, const auto &b) { return a.first < b.first; });
+        player->NextTrack();
+        ASSERT_EQ(player->GetCurrentTrack(), 0);
+        const int at = std::find_if(keyed.begin(), keyed.end(), [](auto k) { return !k.second; }) -
+                       keyed.begin();
+        for (int step = 1; step <= 2 * n; ++step) {
+            step <= n ? player->NextTrack() : player->PreviousTrack();
+            const int k = step <= n ? at + step : at + 2 * n - step;
+            EXPECT_EQ(player->GetCurrentTrack(), keyed[k % n].second) << n << " step " << step;
+        }
+    }
+}
+
+// Files queued to play next come first in every mode, also at the end of the list; Previous ignores
+// them. The queue holds files: it follows them across playlists and drops the gone.
+TEST_F(Player, PlayNextQueueComesFirst) {
+    std::vector<Track> list = media_list(6);
+    player->SetPlayList(list);
+    for (unsigned i : {3u, 5u, 3u, 1u, 6u}) // 6: no such track
+        player->EnqueueTrack(i);
+    player->DequeueTrack(6);
+    player->DequeueTrack(3);                          // the first of the two
+    const int expected[] = {-1, 2, -1, 1, -1, 0, -1}; // queue: 5 3 1
+    for (unsigned i = 0; i < 7; ++i)
+        EXPECT_EQ(player->GetTrackEnqueueIndex(i), expected[i]) << i;
+    list.erase(list.begin() + 3);
+    std::reverse(list.begin(), list.end()); // 5 4 2 1 0: the queue keeps 5 1
+    player->SetPlayList(list);
+    EXPECT_EQ(player->GetTrackEnqueueIndex(0), 0);
+    EXPECT_EQ(player->GetTrackEnqueueIndex(3), 1);
+    player->SetPlayList({});
+    player->SetPlayList(list);
+    EXPECT_EQ(player->GetTrackEnqueueIndex(0), -1);
+    for (int mode : {0, 1, 2, 3, 7}) {
+        player->SetMode(static_cast<IPlayer::PlayMode>(mode));
+        ASSERT_EQ(player->PlayTrack(4, -1, false), 0); // the last
+        player->EnqueueTrack(1);
+        player->EnqueueTrack(3);
+        player->PreviousTrack();
+        player->NextTrack();
+        EXPECT_EQ(player->GetCurrentTrack(), 1) << mode;
+        player->NextTrack();
+        EXPECT_EQ(player->GetCurrentTrack(), 3) << mode;
+        EXPECT_EQ(player->GetTrackEnqueueIndex(3), -1);
+    }
+    // A queued file that has vanished is consumed, and nothing starts.
+    const std::string doomed = ae_test::tmp_path("player_doomed.wav");
+    std::filesystem::copy_file(list[0].filename, doomed,
+                               std::filesystem::copy_options::overwrite_existing);
+    list.push_back(track(doomed));
+    player->SetPlayList(list);
+    player->EnqueueTrack(5);
+    std::filesystem::remove(doomed);
+    const int changes = rec->trackChanged;
+    player->NextTrack();
+    EXPECT_EQ(player->GetTrackEnqueueIndex(5), -1);
+    EXPECT_EQ(player->GetCurrentTrack(), 3);
+    EXPECT_EQ(rec->trackChanged, changes);
+}
+
+// Lookups take the first entry of a file; a new list keeps the playing file current; an empty list
+// stops playback at the next move.
+TEST_F(Player, PlaylistChangesFollowThePlayingFile) {
+    std::vector<Track> list = media_list(6);
+    list.push_back(list[5]);
+    player->SetPlayList(list);
+    ASSERT_EQ(player->PlayTrack(6, -1, true), 0);
+    EXPECT_EQ(player->GetCurrentTrack(), 6);
+    std::swap(list[2], list[5]);
+    player->SetPlayList(list);
+    EXPECT_EQ(player->GetCurrentTrack(), 2);
+    player->EnqueueTrack(6);
+    EXPECT_EQ(player->GetTrackEnqueueIndex(2), 0);
+    player->NextTrack(); // the queued file, not the next index
+    EXPECT_EQ(player->GetCurrentTrack(), 2);
+    for (bool next : {true, false}) {
+        player->SetPlayList({});
+        EXPECT_NE(player->GetState(), IPlayer::Stopped);
+        next ? player->NextTrack() : player->PreviousTrack();
+        EXPECT_EQ(player->GetState(), IPlayer::Stopped);
+        player->SetPlayList(list);
+        ASSERT_EQ(player->PlayTrack(1, -1, true), 0);
+    }
+}
+
+// Tracks out of the list or whose file is gone are refused without touching playback; a file the
+// engine cannot open stops it. Either way the current track stays.
+TEST_F(Player, FailedStartsLeaveTheCurrentTrack) {
+    std::vector<Track> list = media_list(2);
+    list.push_back(track(ae_test::tmp_path("player_no_such_file.wav")));
+    list.push_back(track(ae_test::media_path("not_audio.mp3")));
+    player->SetPlayList(list);
+    ASSERT_EQ(player->PlayTrack(1, -1, true), 0);
+    for (int index : {-1, 4, 2})
+        EXPECT_EQ(player->PlayTrack(index, 0, false), -1) << index;
+    EXPECT_NE(player->GetState(), IPlayer::Stopped);
+    EXPECT_EQ(player->PlayTrack(3, 0, false), -1);
+    EXPECT_EQ(player->GetState(), IPlayer::Stopped);
+    EXPECT_EQ(player->openFile(list[3].filename), -1);
+    EXPECT_EQ(player->openFile(list[0].filename), 0);
+    EXPECT_EQ(player->GetState(), IPlayer::Stopped);
+    EXPECT_EQ(player->GetCurrentTrack(), 1);
+    EXPECT_EQ(playing(), list[1].filename);
+}
+
+// A track ends on the play thread; handed back on the application's thread, the player moves on.
+// The middle track's decoding fails part-way: it ends like any other.
+TEST_F(Player, TrackEndsAdvanceOnTheApplicationsThread) {
+    std::vector<Track> list = media_list(2);
+    list.insert(list.begin() + 1, track(ae_test::media_path("tone440_corrupt.mp3")));
+    player->SetPlayList(list);
+    const std::tuple<IPlayer::PlayMode, int, std::vector<int>> rows[] = {
+        {IPlayer::Sequential, 0, {1, 2, 2}}, {IPlayer::RepeatList, 1, {2, 0, 1, 2, 0}}};
+    for (const auto &[mode, start, currents] : rows) {
+        player->SetMode(mode);
+        ASSERT_EQ(player->PlayTrack(start, -1, false), 0);
+        for (int current : currents) {
+            ASSERT_TRUE(rec->pump()) << mode;
+            EXPECT_EQ(player->GetCurrentTrack(), current) << mode;
+        }
+        if (mode == IPlayer::Sequential) { // nothing follows the last track
+            EXPECT_FALSE(rec->pump(500));
+            EXPECT_EQ(player->GetState(), IPlayer::Finished);
+        }
+    }
+}
+
+TEST_F(Player, TransportStatesAndSeconds) {
+    vcard_set_speed(1.0); // real time, so that the track stays in its state
+    player->SetPlayList({track(ae_test::media_path("tone440_10s.mp3"))});
+    player->TogglePlaying(); // no current track yet: nothing to restart
+    EXPECT_EQ(player->GetState(), IPlayer::Stopped);
+    // P, A, S and 9: SetState(Playing, Paused, Stopped, 9); T: TogglePlaying. Playing from Stopped
+    // starts the first track only when nothing is open; Toggle restarts a stopped one.
+    const std::string calls = "PTTA9PSPT", states = "121221001";
+    for (size_t i = 0; i < calls.size(); ++i) {
+        const int state = std::string("SPA9").find(calls[i]);
+        calls[i] == 'T' ? player->TogglePlaying()
+                        : player->SetState(static_cast<IPlayer::PlayState>(state));
+        EXPECT_EQ(player->GetState(), states[i] - '0') << i;
+    }
+    EXPECT_EQ(player->GetCurrentTrack(), 0);
+    EXPECT_EQ(player->GetTrackSize(), 10);
+    ASSERT_EQ(player->PlayTrack(0, 6, true), 0);
+    EXPECT_EQ(player->GetState(), IPlayer::Paused);
+    EXPECT_EQ(player->GetTrackPosition(), 6);
+    player->SetTrackPosition(-3); // no seek
+    EXPECT_EQ(player->GetTrackPosition(), 6);
+    player->SetTrackPosition(9);
+    EXPECT_EQ(player->GetTrackPosition(), 9);
+    player->SetState(IPlayer::Playing);
+    ASSERT_TRUE(ae_test::wait_until([&] { return player->GetState() == IPlayer::Finished; }, 5000));
+    EXPECT_EQ(player->GetTrackPosition(), 10);
+    player->TogglePlaying();
+    player->SetState(IPlayer::Playing);
+    EXPECT_EQ(player->GetState(), IPlayer::Finished);
+}
+
+TEST_F(Player, VolumeTempoRateAndChapters) {
+    EXPECT_EQ(player->GetMaxVolume(), 100);
+    for (int hidden : {0, 1}) { // a player made while the mixer is missing cannot set it
+        vcard_hide_mixer(hidden);
+        vcard_set_mixer_value(0);
+        IPlayer *other = AudioEngine_CreatePlayer();
+        other->SetVolume(35 + hidden);
+        EXPECT_EQ(other->GetVolume() + mp_control_volume(), 2 * (35 + hidden));
+        EXPECT_EQ(vcard_mixer_value() > 0, !hidden);
+        AudioEngine_DestroyPlayer(other);
+    }
+    // Tempo (1) or rate multiplier (0), the value set, the value read back (1.5: refused).
+    const double nan = std::nan("");
+    const std::tuple<bool, double, double> rows[] = {
+        {1, 0.25, 0.25}, {1, 4.0, 4.0}, {1, 0.2, 1.5},  {1, 4.5, 1.5},  {1, nan, 1.5},
+        {0, 0.5, 0.5},   {0, 2.0, 2.0}, {0, 0.49, 1.5}, {0, 2.01, 1.5}, {0, nan, 1.5}};
+    for (const auto &[tempo, value, read] : rows) {
+        player->setTempo(1.5);
+        player->setSampleRateMultiplier(1.5);
+        tempo ? player->setTempo(value) : player->setSampleRateMultiplier(value);
+        EXPECT_EQ(tempo ? player->getTempo() : player->getSampleRateMultiplier(), read)
+            << tempo << " " << value;
+    }
+    ASSERT_EQ(player->openFile(AE_PLAYER_CHAPTERS_FILE), 0);
+    EXPECT_EQ(player->getMetadata()["title"], "Book");
+    const auto chapters = player->getChapters();
+    ASSERT_EQ(chapters.size(), 3u);
+    const char *titles[] = {"Opening", "", "Closing"};
+    for (int i = 0; i < 3; ++i) {
+        const auto &c = chapters[i];
+        EXPECT_EQ(
+            std::make_tuple(c.index, c.filename, c.title, c.start, c.end),
+            std::make_tuple(i, std::string(), std::string(titles[i]), 1000 * i, 1000 * i + 1000));
+    }
+    ASSERT_EQ(player->openFile(ae_test::media_path("tone440_3s.wav")), 0);
+    EXPECT_TRUE(player->getChapters().empty());
+}
+
+TEST_F(Player, DetachedCallbackObjectHearsNothing) {
+    player->setCb(nullptr);
+    player->SetPlayList(media_list(2));
+    ASSERT_EQ(player->PlayTrack(0, -1, false), 0);
+    ASSERT_TRUE(ae_test::wait_until([&] { return player->GetState() == IPlayer::Finished; }, 5000));
+    player->HandlePlayerStateChanged();
+    EXPECT_EQ(player->GetCurrentTrack(), 1);
+    player->SetState(IPlayer::Stopped);
+    EXPECT_EQ(rec->events, 0);
+}
+
+// Random calls on short files at a fast card, track ends handed back between them; half the players
+// are destroyed while they play. Bounded to about 40 s.
+TEST_F(Player, SoakOfRandomCallsWithTrackEnds) {
+    std::vector<Track> files = media_list(8);
+    files.push_back(track(ae_test::media_path("tone440_corrupt.mp3")));
+    files.push_back(track(ae_test::tmp_path("player_soak_missing.wav")));
+    std::mt19937 rng(20240611u);
+    auto pick = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(40);
+    for (int round = 0; round < 4; ++round) {
+        IPlayer *p = AudioEngine_CreatePlayer();
+        Recorder rec(p);
+        p->setCb(&rec);
+        const std::function<void()> ops[] = {
+            [&] { p->PlayTrack(pick(-1, 11), pick(-1, 2), pick(0, 99) == 0); },
+            [&] { pick(0, 1) ? p->NextTrack() : p->PreviousTrack(); },
+            [&] { pick(0, 1) ? p->TogglePlaying() : p->SetState(IPlayer::PlayState(pick(0, 4))); },
+            [&] { p->SetTrackPosition(pick(-2, 4)), p->SetMode(IPlayer::PlayMode(pick(0, 4))); },
+            [&] {
+                p->setTempo(pick(0, 50) / 10.0), p->setSampleRateMultiplier(pick(0, 25) / 10.0);
+            },
+            [&] { p->EnqueueTrack(pick(0, 11)), p->DequeueTrack(pick(0, 11)); },
+            [&] {
+                std::shuffle(files.begin(), files.end(), rng);
+                p->SetPlayList(
+                    {files.begin(), files.begin() + (pick(0, 3) ? pick(3, 10) : pick(0, 2))});
+            },
+            [&] {
+                p->setEqualizerSettings({{pick(20, 16000), pick(-12, 12)}}),
+                    p->SetVolume(pick(0, 100));
+            },
+            [&] {
+                p->setCb(pick(0, 3) ? &rec : nullptr), p->getChapters(), p->getMetadata(),
+                    p->getCover();
+            },
+            [&] {
+                EXPECT_TRUE(p->GetTrackPosition() + p->GetTrackSize() >= 0 &&
+                            p->GetCurrentTrack() >= -1);
+            },
+            [&] { rec.pump(20); }};
+        for (int i = 0; i < 1000 && std::chrono::steady_clock::now() < deadline; ++i) {
+            ops[pick(0, static_cast<int>(std::size(ops)) - 1)]();
+            while (rec.pump(0))
+                continue;
+        }
+        if (round % 2 == 0)
+            p->SetState(IPlayer::Stopped);
+        AudioEngine_DestroyPlayer(p);
+    }
+}
+
+} // namespace
