@@ -19,7 +19,7 @@ cmake -S . -B "$dir" -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo -DAE_BUILD_FUZZ=ON -DAE_BUILD_BENCH=OFF \
     -DAE_BUILD_TOOLS=OFF >/dev/null
 cmake --build "$dir" -j "$JOBS" --target fuzz_seeds "${targets[@]/#/fuzz_}" \
-    asound_module_pcm_vcard asound_module_ctl_vcard
+    vcard_control
 
 out=$(cd "$dir" && pwd)/fuzz
 : >"$out/summary.txt"

@@ -13,8 +13,7 @@ dir=${SOAK_BUILD_DIR:-build}
 JOBS=${JOBS:-2}
 
 cmake -S . -B "$dir" >/dev/null
-cmake --build "$dir" -j "$JOBS" --target ae_soak ae_media_files asound_module_pcm_vcard \
-    asound_module_ctl_vcard
+cmake --build "$dir" -j "$JOBS" --target ae_soak ae_media_files vcard_control
 
 check=60
 awk "BEGIN { exit !($minutes <= 1) }" && check=10
