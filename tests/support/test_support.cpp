@@ -115,36 +115,26 @@ LogCapture::~LogCapture() {
         std::fprintf(stderr, "--- log of the failed test ---\n%s", dump().c_str());
 }
 
-std::vector<LogEntry> LogCapture::entries() const {
+// Lines with `substring` (and of `level`, unless it is -1).
+static int count_of(const std::vector<LogEntry> &entries, int level, const std::string &substring) {
     std::lock_guard<std::mutex> lock(g_log_mu);
-    return entries_;
-}
-
-std::vector<std::string> LogCapture::lines() const {
-    std::vector<std::string> out;
-    for (const LogEntry &e : entries())
-        out.push_back(e.message);
-    return out;
+    return static_cast<int>(std::count_if(entries.begin(), entries.end(), [&](const LogEntry &e) {
+        return (level < 0 || e.level == level) && e.message.find(substring) != std::string::npos;
+    }));
 }
 
 int LogCapture::count(const std::string &substring) const {
-    int n = 0;
-    for (const LogEntry &e : entries())
-        n += e.message.find(substring) != std::string::npos;
-    return n;
+    return count_of(entries_, -1, substring);
 }
 
 bool LogCapture::contains(int level, const std::string &substring) const {
-    for (const LogEntry &e : entries()) {
-        if (e.level == level && e.message.find(substring) != std::string::npos)
-            return true;
-    }
-    return false;
+    return count_of(entries_, level, substring) > 0;
 }
 
 std::string LogCapture::dump() const {
+    std::lock_guard<std::mutex> lock(g_log_mu);
     std::ostringstream out;
-    for (const LogEntry &e : entries())
+    for (const LogEntry &e : entries_)
         out << "[L" << e.level << "] " << e.function << ": " << e.message << "\n";
     return out.str();
 }

@@ -42,8 +42,6 @@ public:
     LogCapture(const LogCapture &) = delete;
     LogCapture &operator=(const LogCapture &) = delete;
 
-    std::vector<LogEntry> entries() const;
-    std::vector<std::string> lines() const;
     int count(const std::string &substring) const;
     bool contains(int level, const std::string &substring) const;
     bool contains(const std::string &substring) const { return count(substring) > 0; }

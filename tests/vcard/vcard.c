@@ -14,7 +14,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/mman.h>
+#include <sys/mman.h> /* memfd_create */
 #include <sys/timerfd.h>
 #include <time.h>
 #include <unistd.h>
@@ -44,6 +44,14 @@ static struct {
     size_t event_bytes;
     char events[EVENT_BYTES];
 } card = {.mu = PTHREAD_MUTEX_INITIALIZER, .mixer_max = 255, .capture_fd = -1};
+
+/* Runs `statements` under the card's lock. */
+#define LOCKED(statements)                                                                         \
+    do {                                                                                           \
+        pthread_mutex_lock(&card.mu);                                                              \
+        statements;                                                                                \
+        pthread_mutex_unlock(&card.mu);                                                            \
+    } while (0)
 
 static int64_t now_ns(void) {
     struct timespec ts;
@@ -91,12 +99,7 @@ static uint64_t consumed(const struct pcm *p, int64_t now) {
 
 static int pcm_start(snd_pcm_ioplug_t *io) {
     struct pcm *p = io->private_data;
-    pthread_mutex_lock(&card.mu);
-    if (!p->running) {
-        p->running = 1;
-        p->t_base = now_ns();
-    }
-    pthread_mutex_unlock(&card.mu);
+    LOCKED(p->t_base = p->running ? p->t_base : now_ns(); p->running = 1);
     return 0;
 }
 
@@ -117,26 +120,18 @@ static int pcm_stop(snd_pcm_ioplug_t *io) {
 
 static snd_pcm_sframes_t pcm_pointer(snd_pcm_ioplug_t *io) {
     struct pcm *p = io->private_data;
-    pthread_mutex_lock(&card.mu);
-    uint64_t c = consumed(p, now_ns()) % p->boundary;
-    pthread_mutex_unlock(&card.mu);
+    uint64_t c;
+    LOCKED(c = consumed(p, now_ns()) % p->boundary);
     return (snd_pcm_sframes_t)c;
 }
 
 static void capture_locked(const char *data, size_t frames) {
     if (card.capture_fd < 0)
         card.capture_fd = memfd_create("vcard-capture", MFD_CLOEXEC);
-    off_t at = (off_t)(card.captured * FRAME_BYTES);
-    for (size_t left = frames * FRAME_BYTES; left > 0;) {
-        ssize_t w = pwrite(card.capture_fd, data, left, at);
-        if (w <= 0 && errno != EINTR)
-            break;
-        if (w > 0) {
-            data += w;
-            left -= (size_t)w;
-            at += w;
-        }
-    }
+    size_t bytes = frames * FRAME_BYTES;
+    if (pwrite(card.capture_fd, data, bytes, (off_t)(card.captured * FRAME_BYTES)) !=
+        (ssize_t)bytes)
+        perror("vcard: capture");
     card.captured += frames;
 }
 
@@ -184,10 +179,7 @@ static snd_pcm_sframes_t pcm_transfer(snd_pcm_ioplug_t *io, const snd_pcm_channe
 
 static int pcm_close(snd_pcm_ioplug_t *io) {
     struct pcm *p = io->private_data;
-    pthread_mutex_lock(&card.mu);
-    event_locked("close");
-    card.open_count--;
-    pthread_mutex_unlock(&card.mu);
+    LOCKED(event_locked("close"); card.open_count--);
     close(p->timer_fd);
     free(p);
     return 0;
@@ -354,9 +346,7 @@ SND_PCM_PLUGIN_DEFINE_FUNC(vcard) {
         free(p);
         return err;
     }
-    pthread_mutex_lock(&card.mu);
-    card.open_count++;
-    pthread_mutex_unlock(&card.mu);
+    LOCKED(card.open_count++);
     err = pcm_constraints(&p->io);
     if (err < 0) {
         snd_pcm_ioplug_delete(&p->io); /* calls pcm_close */
@@ -378,9 +368,8 @@ struct ctl {
 };
 
 static int mixer_hidden(void) {
-    pthread_mutex_lock(&card.mu);
-    int hidden = card.mixer_hidden;
-    pthread_mutex_unlock(&card.mu);
+    int hidden;
+    LOCKED(hidden = card.mixer_hidden);
     return hidden;
 }
 
@@ -424,10 +413,7 @@ static int ctl_get_attribute(snd_ctl_ext_t *ext, snd_ctl_ext_key_t key, int *typ
 
 static int ctl_get_integer_info(snd_ctl_ext_t *ext, snd_ctl_ext_key_t key, long *imin, long *imax,
                                 long *istep) {
-    pthread_mutex_lock(&card.mu);
-    *imin = card.mixer_min;
-    *imax = card.mixer_max;
-    pthread_mutex_unlock(&card.mu);
+    LOCKED(*imin = card.mixer_min; *imax = card.mixer_max);
     *istep = 1;
     return 0;
 }
@@ -537,13 +523,6 @@ void vcard_setup(void) {
     pthread_mutex_unlock(&card.mu);
 }
 
-#define LOCKED(statements)                                                                         \
-    do {                                                                                           \
-        pthread_mutex_lock(&card.mu);                                                              \
-        statements;                                                                                \
-        pthread_mutex_unlock(&card.mu);                                                            \
-    } while (0)
-
 void vcard_set_speed(double speed) {
     LOCKED(card.speed = speed < 0 ? 0 : speed; card.configured = 1);
 }
@@ -599,17 +578,11 @@ size_t vcard_captured_frames(void) {
 }
 
 size_t vcard_capture(int16_t *out, size_t max_frames) {
-    size_t got = 0;
     pthread_mutex_lock(&card.mu);
     size_t want = (card.captured < max_frames ? card.captured : max_frames) * FRAME_BYTES;
-    while (card.capture_fd >= 0 && got < want) {
-        ssize_t r = pread(card.capture_fd, (char *)out + got, want - got, (off_t)got);
-        if (r <= 0 && errno != EINTR)
-            break;
-        got += r > 0 ? (size_t)r : 0;
-    }
+    ssize_t got = card.capture_fd < 0 ? 0 : pread(card.capture_fd, out, want, 0);
     pthread_mutex_unlock(&card.mu);
-    return got / FRAME_BYTES;
+    return got > 0 ? (size_t)got / FRAME_BYTES : 0;
 }
 
 char *vcard_events(void) {
