@@ -1,7 +1,6 @@
 // The output layer on the virtual card: the ring of pieces, the device, the play thread, the mixer.
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -44,28 +43,6 @@ protected:
     }
 };
 
-// With no play thread to empty it, the ring hands out its two pieces in turn.
-TEST_F(AlsaDevice, RingHandsOutPiecesInTurnAndRefusesAnyOther) {
-    // Get or push; the piece: 'A' and 'B' the first and second handed out, '0' none, 's' a stray
-    // one; the answer of the push.
-    const std::tuple<bool, char, int> steps[] = {
-        {1, 'A', 0}, {1, 'A', 0}, {0, 's', -1}, {0, '0', -1}, {1, 'A', 0},  {0, 'A', 0},
-        {1, 'B', 0}, {0, 'B', 0}, {1, '0', 0},  {0, 'A', -1}, {0, '0', -1}, {1, '0', 0}};
-    abuf_piece stray{}, *seen[2] = {nullptr, nullptr};
-    auto piece_of = [&](char c) { return c == 's' ? &stray : c == '0' ? nullptr : seen[c - 'A']; };
-    for (const auto &[get, piece, rc] : steps) {
-        SCOPED_TRACE("step " + std::to_string(&get - &std::get<0>(steps[0])));
-        abuf_piece *got = get ? get_output_buffer() : nullptr;
-        if (get && piece != '0' && seen[piece - 'A'] == nullptr)
-            seen[piece - 'A'] = got;
-        if (got != nullptr)
-            *got = abuf_piece{44100, 16, {}};
-        EXPECT_EQ(get ? (got == piece_of(piece) ? 0 : -100) : push_output_buffer(piece_of(piece)),
-                  rc);
-    }
-    EXPECT_NE(seen[0], seen[1]);
-}
-
 TEST_F(AlsaDevice, OpenAndCloseTheDevice) {
     enum Call { Open, Close, Pause };
     // Call and its argument (rate: negative means 44100; drain; pause), an open error injected and
@@ -98,8 +75,8 @@ TEST_F(AlsaDevice, OpenAndCloseTheDevice) {
 
 TEST_F(AlsaDevice, PlayThreadPlaysWhatIsPushed) {
     // Write error once 1000 frames are in; the rates of the first and later pieces; the frames of
-    // each piece; the piece the card loses (the fault's); events in this order, the first one
-    // first; an event that must not happen; whether the output works on (else until a reset).
+    // each piece; the piece the card loses (the fault's); events seen once and one never seen;
+    // whether the output works on (else it waits for a reset).
     using Row = std::tuple<int, int, int, std::vector<int>, size_t, std::vector<const char *>,
                            const char *, int>;
     const Row rows[] = {
@@ -108,12 +85,14 @@ TEST_F(AlsaDevice, PlayThreadPlaysWhatIsPushed) {
         {-ENODEV, 44100, 44100, {1000, 1000}, 1, {"open 44100", "gone"}, "xrun", 0},
         {0, 22050, 48000, {2000, 2000}, 9, {"open 22050", "drain", "open 48000"}, "drop", 1},
         {-EPIPE, 44100, 44100, {1000, 1000, 1000}, 1, {"open 44100", "xrun"}, "drop", 1}};
-    for (const auto &[fault, rate, rate_after, frames, lost, order, absent, works] : rows) {
+    for (const auto &[fault, rate, rate_after, frames, lost, events, absent, works] : rows) {
         SCOPED_TRACE(std::to_string(&fault - &std::get<0>(rows[0])));
         SetUp();
         if (fault)
             vcard_fail_write_after(fault, 1000);
         ASSERT_EQ(init_alsa_output(), 0);
+        abuf_piece stray{44100, 16, {}}; // only the pieces handed out are taken
+        EXPECT_EQ(push_output_buffer(&stray) + push_output_buffer(nullptr), -2);
         std::vector<int16_t> expected;
         for (size_t i = 0; i < frames.size(); ++i) {
             auto sent = push(i ? rate_after : rate, frames[i], static_cast<int>(i) + 1);
@@ -126,14 +105,9 @@ TEST_F(AlsaDevice, PlayThreadPlaysWhatIsPushed) {
             },
             5000));
         EXPECT_EQ(ae_test::captured_samples(), expected);
-        char *text = vcard_events();
-        const std::string events = text;
-        free(text);
-        size_t at = 0;
-        for (const char *event : order)
-            EXPECT_NE(at = events.find(event, at), std::string::npos) << event << " in\n" << events;
-        EXPECT_EQ(events.rfind(order[0], 0), 0u) << events;
-        EXPECT_EQ(vcard_count_events(absent), 0) << events;
+        for (const char *event : events)
+            EXPECT_EQ(vcard_count_events(event), 1) << event;
+        EXPECT_EQ(vcard_count_events(absent), 0);
         EXPECT_EQ(init_alsa_output(), 1); // already running, or stopped until it is reset
         TearDown();
     }
