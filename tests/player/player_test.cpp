@@ -2,11 +2,8 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cmath>
 #include <functional>
-#include <memory>
 #include <random>
-#include <set>
 #include <thread>
 #include <tuple>
 #include <vector>
@@ -28,10 +25,9 @@ using Track = IPlayer::Track;
 // test's), which hands it back with pump(), as an application's event loop does.
 struct Recorder : tavrel::utilities::PlayerCb {
     explicit Recorder(IPlayer *p) : player(p) {}
-    void OnTrackChanged() override { ++trackChanged, ++events; }
-    void OnPositionChanged() override { ++events; }
+    void OnTrackChanged() override { ++trackChanged; }
+    void OnPositionChanged() override {}
     void OnStateChanged() override {
-        ++events;
         posted += std::this_thread::get_id() != app && player->GetState() == IPlayer::Finished;
     }
     bool pump(int timeout_ms = 5000) {
@@ -43,7 +39,7 @@ struct Recorder : tavrel::utilities::PlayerCb {
     }
     IPlayer *player;
     const std::thread::id app = std::this_thread::get_id();
-    std::atomic<int> trackChanged{0}, events{0}, posted{0};
+    std::atomic<int> trackChanged{0}, posted{0};
 };
 
 Track track(const std::string &path) {
@@ -68,23 +64,17 @@ protected:
     void SetUp() override {
         vcard_setup();
         player = AudioEngine_CreatePlayer();
-        rec = std::make_unique<Recorder>(player);
-        player->setCb(rec.get());
+        rec.player = player;
+        player->setCb(&rec);
     }
     void TearDown() override {
         AudioEngine_DestroyPlayer(player);
         deinit_alsa_output(); // the next test opens the device afresh, at its own speed
         close_alsa_ex(0);
     }
-    // Plays track `n` of a list one longer, then drops it: no track of the new list is current.
-    void play_outside(int n) {
-        player->SetPlayList(media_list(n + 1));
-        ASSERT_EQ(player->PlayTrack(n, -1, false), 0);
-        player->SetPlayList(media_list(n));
-    }
 
     IPlayer *player = nullptr;
-    std::unique_ptr<Recorder> rec;
+    Recorder rec{nullptr};
 };
 
 TEST_F(Player, NextAndPreviousByModeAtTheEndsOfTheList) {
@@ -98,46 +88,19 @@ TEST_F(Player, NextAndPreviousByModeAtTheEndsOfTheList) {
         {2, 1, 0, 0, 0, 1},  {0, 1, 0, 0, 0, 2},   {2, 1, 0, 1, 0, 0}};
     for (const auto &[mode, n, start, next, current, starts] : rows) {
         SCOPED_TRACE(::testing::Message() << mode << " " << n << " " << start << " " << next);
-        if (start < 0)
-            play_outside(n);
-        else
-            player->SetPlayList(media_list(n));
-        ASSERT_EQ(start < 0 ? 0 : player->PlayTrack(start, -1, false), 0);
+        player->SetPlayList(media_list(start < 0 ? n + 1 : n));
+        ASSERT_EQ(player->PlayTrack(start < 0 ? n : start, -1, false), 0);
+        player->SetPlayList(media_list(n)); // -1: the file that plays is no longer listed
         player->SetMode(static_cast<IPlayer::PlayMode>(mode));
-        const std::string before = player->GetPlayingTrack().filename;
-        const int changes = rec->trackChanged;
+        const int changes = rec.trackChanged;
         next ? player->NextTrack() : player->PreviousTrack();
         EXPECT_EQ(player->GetCurrentTrack(), current);
-        EXPECT_EQ(rec->trackChanged - changes, starts);
-        EXPECT_EQ(player->GetPlayingTrack().filename,
-                  starts > 0 ? media_list(n)[current].filename : before);
+        EXPECT_EQ(rec.trackChanged - changes, starts);
     }
 }
 
-// From outside the list NextTrack starts index 0, then visits every track once per turn; Previous
-// walks the same order back.
-TEST_F(Player, ShuffleVisitsEveryTrackOncePerTurn) {
-    for (int n : {1, 2, 5}) {
-        play_outside(n);
-        player->SetMode(IPlayer::Shuffle);
-        std::vector<int> seen;
-        for (int i = 0; i < 2 * n; ++i) {
-            player->NextTrack();
-            seen.push_back(player->GetCurrentTrack());
-        }
-        EXPECT_EQ(seen[0], 0);
-        EXPECT_EQ(std::set<int>(seen.begin(), seen.begin() + n).size(), size_t(n));
-        EXPECT_TRUE(std::equal(seen.begin(), seen.begin() + n, seen.begin() + n)) << n;
-        for (int i = 2 * n - 2; i >= 0; --i) {
-            player->PreviousTrack();
-            EXPECT_EQ(player->GetCurrentTrack(), seen[i]) << n << " back to " << i;
-        }
-    }
-}
-
-// Files queued to play next come first in every mode, also at the end of the list; Previous ignores
-// them. The queue holds files, found by their first entry; a new list keeps the playing file
-// current; an empty list stops playback at the next move.
+// Queued files come first in every mode, even at the end of the list; Previous ignores them. The
+// queue holds files; a new list keeps the playing file current; an empty one stops the next move.
 TEST_F(Player, PlayNextQueueAndPlaylistChanges) {
     std::vector<Track> list = media_list(6);
     player->SetPlayList(list);
@@ -196,9 +159,8 @@ TEST_F(Player, FailedStartsLeaveTheCurrentTrack) {
     EXPECT_EQ(player->GetPlayingTrack().filename, list[1].filename);
 }
 
-// A track ends on the play thread; handed back on the application's thread, the player moves on.
-// The middle track's decoding fails part-way: it ends like any other. A player without a callback
-// object moves on all the same, and tells the detached one nothing.
+// A track end, handed back on the application's thread, moves the player on, also past a track
+// whose decoding fails part-way, and without a callback object (the detached one hears nothing).
 TEST_F(Player, TrackEndsAdvanceOnTheApplicationsThread) {
     std::vector<Track> list = media_list(2);
     list.insert(list.begin() + 1, track(ae_test::media_path("tone440_corrupt.mp3")));
@@ -209,18 +171,18 @@ TEST_F(Player, TrackEndsAdvanceOnTheApplicationsThread) {
         player->SetMode(mode);
         ASSERT_EQ(player->PlayTrack(start, -1, false), 0);
         for (int current : currents) {
-            ASSERT_TRUE(rec->pump()) << mode;
+            ASSERT_TRUE(rec.pump()) << mode;
             EXPECT_EQ(player->GetCurrentTrack(), current) << mode;
         }
-        EXPECT_FALSE(mode == IPlayer::Sequential && rec->pump(500)) << "past the last track";
+        EXPECT_FALSE(mode == IPlayer::Sequential && rec.pump(500)) << "past the last track";
     }
     player->setCb(nullptr);
-    const int events = rec->events;
+    const int changes = rec.trackChanged;
     ASSERT_EQ(player->PlayTrack(1, -1, false), 0);
     ASSERT_TRUE(ae_test::wait_until([&] { return player->GetState() == IPlayer::Finished; }, 5000));
     player->HandlePlayerStateChanged();
     EXPECT_EQ(player->GetCurrentTrack(), 2);
-    EXPECT_EQ(rec->events, events);
+    EXPECT_EQ(rec.trackChanged, changes);
 }
 
 TEST_F(Player, TransportStatesAndSeconds) {
@@ -239,7 +201,6 @@ TEST_F(Player, TransportStatesAndSeconds) {
     ASSERT_EQ(player->PlayTrack(0, 6, true), 0);
     EXPECT_EQ(player->GetState(), IPlayer::Paused);
     EXPECT_EQ(player->GetTrackPosition(), 6);
-    player->SetTrackPosition(-3); // no seek
     player->SetTrackPosition(9);
     EXPECT_EQ(player->GetTrackPosition(), 9);
     player->SetState(IPlayer::Playing);
@@ -249,19 +210,8 @@ TEST_F(Player, TransportStatesAndSeconds) {
     EXPECT_EQ(player->GetState(), IPlayer::Finished);
 }
 
-TEST_F(Player, TempoRateAndChapters) {
-    // Tempo (1) or rate multiplier (0), the value set, the value read back (1.5: refused).
-    const double nan = std::nan("");
-    const std::tuple<bool, double, double> rows[] = {
-        {1, 0.25, 0.25}, {1, 4.0, 4.0}, {1, 0.2, 1.5},  {1, 4.5, 1.5},  {1, nan, 1.5},
-        {0, 0.5, 0.5},   {0, 2.0, 2.0}, {0, 0.49, 1.5}, {0, 2.01, 1.5}, {0, nan, 1.5}};
-    for (const auto &[tempo, value, read] : rows) {
-        player->setTempo(1.5);
-        player->setSampleRateMultiplier(1.5);
-        tempo ? player->setTempo(value) : player->setSampleRateMultiplier(value);
-        EXPECT_EQ(tempo ? player->getTempo() : player->getSampleRateMultiplier(), read)
-            << tempo << " " << value;
-    }
+// Chapters keep their order and indices, untitled ones too; a file without any has none.
+TEST_F(Player, ChaptersOfTheOpenFile) {
     ASSERT_EQ(player->openFile(AE_PLAYER_CHAPTERS_FILE), 0);
     const auto chapters = player->getChapters();
     ASSERT_EQ(chapters.size(), 3u);
@@ -275,8 +225,8 @@ TEST_F(Player, TempoRateAndChapters) {
     EXPECT_TRUE(player->getChapters().empty());
 }
 
-// Random calls on short files at a fast card while the play thread runs, track ends handed back
-// between them; half the players are destroyed while they play. Bounded to about 40 s.
+// Random calls racing the play thread, track ends handed back between them; half the players are
+// destroyed while they play. Bounded to about 40 s.
 TEST_F(Player, SoakOfRandomCallsWithTrackEnds) {
     std::vector<Track> files = media_list(8);
     files.push_back(track(ae_test::media_path("tone440_corrupt.mp3")));
@@ -295,15 +245,10 @@ TEST_F(Player, SoakOfRandomCallsWithTrackEnds) {
             [&] { p->SetTrackPosition(pick(-2, 4)); },
             [&] { p->SetMode(IPlayer::PlayMode(pick(0, 4))); },
             [&] { p->setTempo(pick(0, 50) / 10.0); },
-            [&] { p->setSampleRateMultiplier(pick(0, 25) / 10.0); },
             [&] { pick(0, 1) ? p->EnqueueTrack(pick(0, 11)) : p->DequeueTrack(pick(0, 11)); },
-            [&] {
-                std::shuffle(files.begin(), files.end(), rng);
-                p->SetPlayList({files.begin(), files.begin() + pick(0, 10)});
-            },
+            [&] { p->SetPlayList(std::vector<Track>(files.begin() + pick(0, 10), files.end())); },
             [&] { p->SetVolume(pick(0, 100)); },
             [&] { p->setCb(pick(0, 3) ? &rec : nullptr); },
-            [&] { p->getChapters(); },
             [&] { rec.pump(20); }};
         for (int i = 0; i < 1000 && std::chrono::steady_clock::now() < deadline; ++i) {
             ops[pick(0, static_cast<int>(std::size(ops)) - 1)]();
