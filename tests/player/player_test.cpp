@@ -2,11 +2,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cmath>
-#include <ctime>
-#include <filesystem>
 #include <functional>
-#include <memory>
 #include <random>
 #include <thread>
 #include <tuple>
@@ -29,10 +25,9 @@ using Track = IPlayer::Track;
 // test's), which hands it back with pump(), as an application's event loop does.
 struct Recorder : tavrel::utilities::PlayerCb {
     explicit Recorder(IPlayer *p) : player(p) {}
-    void OnTrackChanged() override { ++trackChanged, ++events; }
-    void OnPositionChanged() override { ++events; }
+    void OnTrackChanged() override { ++trackChanged; }
+    void OnPositionChanged() override {}
     void OnStateChanged() override {
-        ++events;
         posted += std::this_thread::get_id() != app && player->GetState() == IPlayer::Finished;
     }
     bool pump(int timeout_ms = 5000) {
@@ -44,7 +39,7 @@ struct Recorder : tavrel::utilities::PlayerCb {
     }
     IPlayer *player;
     const std::thread::id app = std::this_thread::get_id();
-    std::atomic<int> trackChanged{0}, events{0}, posted{0};
+    std::atomic<int> trackChanged{0}, posted{0};
 };
 
 Track track(const std::string &path) {
@@ -53,14 +48,11 @@ Track track(const std::string &path) {
     return t;
 }
 
-// Up to 14 tracks of distinct short files.
+// Up to 8 tracks of distinct short files.
 std::vector<Track> media_list(int n) {
-    static const char *const names[] = {
-        "tone440_3s.wav",      "tone440_3s.flac",      "tone440_3s.ogg",
-        "tone440_3s.mp3",      "tone1000_3s.wav",      "tone100_3s.wav",
-        "mix100_1000_3s.wav",  "known_pcm_1s.wav",     "tone440_3s_mono.wav",
-        "tone440_3s_8000.wav", "tone440_3s_22050.wav", "tone440_3s_48000.wav",
-        "tone440_3s.opus",     "tone440_3s.m4a"};
+    static const char *const names[] = {"tone440_3s.wav",   "tone440_3s.flac",    "tone440_3s.ogg",
+                                        "tone440_3s.mp3",   "tone1000_3s.wav",    "tone100_3s.wav",
+                                        "known_pcm_1s.wav", "tone440_3s_mono.wav"};
     std::vector<Track> list;
     for (int i = 0; i < n; ++i)
         list.push_back(track(ae_test::media_path(names[i])));
@@ -72,18 +64,17 @@ protected:
     void SetUp() override {
         vcard_setup();
         player = AudioEngine_CreatePlayer();
-        rec = std::make_unique<Recorder>(player);
-        player->setCb(rec.get());
+        rec.player = player;
+        player->setCb(&rec);
     }
     void TearDown() override {
         AudioEngine_DestroyPlayer(player);
         deinit_alsa_output(); // the next test opens the device afresh, at its own speed
         close_alsa_ex(0);
     }
-    std::string playing() { return player->GetPlayingTrack().filename; }
 
     IPlayer *player = nullptr;
-    std::unique_ptr<Recorder> rec;
+    Recorder rec{nullptr};
 };
 
 TEST_F(Player, NextAndPreviousByModeAtTheEndsOfTheList) {
@@ -92,85 +83,30 @@ TEST_F(Player, NextAndPreviousByModeAtTheEndsOfTheList) {
     const std::tuple<int, int, int, bool, int, int> rows[] = {
         {0, 5, 2, 1, 2, 1},  {0, 5, 2, 0, 2, 1},   {1, 5, 4, 1, 0, 1},  {1, 5, 0, 0, 4, 1},
         {2, 5, 4, 1, 4, 0},  {2, 5, 0, 0, 0, 0},   {2, 5, 2, 1, 3, 1},  {2, 5, 2, 0, 1, 1},
-        {7, 5, 2, 1, 2, 1},  {7, 5, 2, 0, 2, 1},   {1, 5, -1, 1, 0, 1}, {2, 5, -1, 1, 0, 1},
-        {3, 5, -1, 1, 0, 1}, {0, 5, -1, 1, -1, 0}, {1, 5, -1, 0, 4, 1}, {2, 5, -1, 0, -1, 0},
-        {3, 5, -1, 0, 0, 1}, {0, 5, -1, 0, -1, 0}, {1, 1, 0, 0, 0, 2},  {2, 1, 0, 0, 0, 1},
-        {3, 1, 0, 0, 0, 2},  {0, 1, 0, 0, 0, 2},   {2, 1, 0, 1, 0, 0}};
+        {7, 5, 2, 1, 2, 1},  {1, 5, -1, 1, 0, 1},  {3, 5, -1, 1, 0, 1}, {0, 5, -1, 1, -1, 0},
+        {1, 5, -1, 0, 4, 1}, {2, 5, -1, 0, -1, 0}, {3, 5, -1, 0, 0, 1}, {1, 1, 0, 0, 0, 2},
+        {2, 1, 0, 0, 0, 1},  {0, 1, 0, 0, 0, 2},   {2, 1, 0, 1, 0, 0}};
     for (const auto &[mode, n, start, next, current, starts] : rows) {
         SCOPED_TRACE(::testing::Message() << mode << " " << n << " " << start << " " << next);
-        const std::vector<Track> list = media_list(n);
-        if (start < 0) {
-            player->SetPlayList(media_list(n + 1));
-            ASSERT_EQ(player->PlayTrack(n, -1, false), 0);
-        }
-        player->SetPlayList(list);
-        ASSERT_EQ(start < 0 ? 0 : player->PlayTrack(start, -1, false), 0);
-        ASSERT_EQ(player->GetCurrentTrack(), start);
+        player->SetPlayList(media_list(start < 0 ? n + 1 : n));
+        ASSERT_EQ(player->PlayTrack(start < 0 ? n : start, -1, false), 0);
+        player->SetPlayList(media_list(n)); // -1: the file that plays is no longer listed
         player->SetMode(static_cast<IPlayer::PlayMode>(mode));
-        const std::string before = playing();
-        const int changes = rec->trackChanged;
+        const int changes = rec.trackChanged;
         next ? player->NextTrack() : player->PreviousTrack();
         EXPECT_EQ(player->GetCurrentTrack(), current);
-        EXPECT_EQ(rec->trackChanged - changes, starts);
-        EXPECT_EQ(playing(), starts > 0 ? list[current].filename : before);
-        EXPECT_EQ(player->GetMode(), mode);
+        EXPECT_EQ(rec.trackChanged - changes, starts);
     }
 }
 
-// The order drawn for `n` tracks seeded with the time of SetMode: indices by key rand() % n, ties
-// in list order. From outside the list NextTrack starts index 0, then both directions walk the
-// order with wrap, visiting every track once per turn.
-TEST_F(Player, ShuffleWalksTheSeededOrder) {
-    for (int n : {1, 2, 5, 13}) {
-        player->SetPlayList(media_list(n + 1));
-        ASSERT_EQ(player->PlayTrack(n, -1, false), 0);
-        player->SetPlayList(media_list(n));
-        time_t seed;
-        do {
-            seed = time(nullptr);
-            player->SetMode(IPlayer::Shuffle);
-        } while (seed != time(nullptr));
-        srand(static_cast<unsigned>(seed));
-        std::vector<std::pair<unsigned, int>> keyed;
-        for (int i = 0; i < n; ++i)
-            keyed.emplace_back(static_cast<unsigned>(rand()) % n, i);
-        std::stable_sort(keyed.begin(), keyed.end(),
-                         [](const auto &a, const auto &b) { return a.first < b.first; });
-        player->NextTrack();
-        ASSERT_EQ(player->GetCurrentTrack(), 0);
-        const int at = std::find_if(keyed.begin(), keyed.end(), [](auto k) { return !k.second; }) -
-                       keyed.begin();
-        for (int step = 1; step <= 2 * n; ++step) {
-            step <= n ? player->NextTrack() : player->PreviousTrack();
-            const int k = step <= n ? at + step : at + 2 * n - step;
-            EXPECT_EQ(player->GetCurrentTrack(), keyed[k % n].second) << n << " step " << step;
-        }
-    }
-}
-
-// Files queued to play next come first in every mode, also at the end of the list; Previous ignores
-// them. The queue holds files: it follows them across playlists and drops the gone.
-TEST_F(Player, PlayNextQueueComesFirst) {
+// Queued files come first in every mode, even at the end of the list; Previous ignores them. The
+// queue holds files; a new list keeps the playing file current; an empty one stops the next move.
+TEST_F(Player, PlayNextQueueAndPlaylistChanges) {
     std::vector<Track> list = media_list(6);
     player->SetPlayList(list);
-    for (unsigned i : {3u, 5u, 3u, 1u, 6u}) // 6: no such track
-        player->EnqueueTrack(i);
-    player->DequeueTrack(6);
-    player->DequeueTrack(3);                          // the first of the two
-    const int expected[] = {-1, 2, -1, 1, -1, 0, -1}; // queue: 5 3 1
-    for (unsigned i = 0; i < 7; ++i)
-        EXPECT_EQ(player->GetTrackEnqueueIndex(i), expected[i]) << i;
-    list.erase(list.begin() + 3);
-    std::reverse(list.begin(), list.end()); // 5 4 2 1 0: the queue keeps 5 1
-    player->SetPlayList(list);
-    EXPECT_EQ(player->GetTrackEnqueueIndex(0), 0);
-    EXPECT_EQ(player->GetTrackEnqueueIndex(3), 1);
-    player->SetPlayList({});
-    player->SetPlayList(list);
-    EXPECT_EQ(player->GetTrackEnqueueIndex(0), -1);
     for (int mode : {0, 1, 2, 3, 7}) {
         player->SetMode(static_cast<IPlayer::PlayMode>(mode));
-        ASSERT_EQ(player->PlayTrack(4, -1, false), 0); // the last
+        ASSERT_EQ(player->PlayTrack(5, -1, false), 0); // the last
         player->EnqueueTrack(1);
         player->EnqueueTrack(3);
         player->PreviousTrack();
@@ -178,32 +114,11 @@ TEST_F(Player, PlayNextQueueComesFirst) {
         EXPECT_EQ(player->GetCurrentTrack(), 1) << mode;
         player->NextTrack();
         EXPECT_EQ(player->GetCurrentTrack(), 3) << mode;
-        EXPECT_EQ(player->GetTrackEnqueueIndex(3), -1);
     }
-    // A queued file that has vanished is consumed, and nothing starts.
-    const std::string doomed = ae_test::tmp_path("player_doomed.wav");
-    std::filesystem::copy_file(list[0].filename, doomed,
-                               std::filesystem::copy_options::overwrite_existing);
-    list.push_back(track(doomed));
-    player->SetPlayList(list);
-    player->EnqueueTrack(5);
-    std::filesystem::remove(doomed);
-    const int changes = rec->trackChanged;
-    player->NextTrack();
-    EXPECT_EQ(player->GetTrackEnqueueIndex(5), -1);
-    EXPECT_EQ(player->GetCurrentTrack(), 3);
-    EXPECT_EQ(rec->trackChanged, changes);
-}
-
-// Lookups take the first entry of a file; a new list keeps the playing file current; an empty list
-// stops playback at the next move.
-TEST_F(Player, PlaylistChangesFollowThePlayingFile) {
-    std::vector<Track> list = media_list(6);
-    list.push_back(list[5]);
+    list.push_back(list[4]);
     player->SetPlayList(list);
     ASSERT_EQ(player->PlayTrack(6, -1, true), 0);
-    EXPECT_EQ(player->GetCurrentTrack(), 6);
-    std::swap(list[2], list[5]);
+    std::swap(list[2], list[4]); // 0 1 4 3 2 5 4
     player->SetPlayList(list);
     EXPECT_EQ(player->GetCurrentTrack(), 2);
     player->EnqueueTrack(6);
@@ -218,6 +133,13 @@ TEST_F(Player, PlaylistChangesFollowThePlayingFile) {
         player->SetPlayList(list);
         ASSERT_EQ(player->PlayTrack(1, -1, true), 0);
     }
+    for (unsigned i : {3u, 5u, 3u, 1u, 7u}) // 7: no such track
+        player->EnqueueTrack(i);
+    player->DequeueTrack(7);
+    player->DequeueTrack(3);                          // the first of the two
+    const int expected[] = {-1, 2, -1, 1, -1, 0, -1}; // queue: 5 3 1
+    for (unsigned i = 0; i < 7; ++i)
+        EXPECT_EQ(player->GetTrackEnqueueIndex(i), expected[i]) << i;
 }
 
 // Tracks out of the list or whose file is gone are refused without touching playback; a file the
@@ -233,15 +155,12 @@ TEST_F(Player, FailedStartsLeaveTheCurrentTrack) {
     EXPECT_NE(player->GetState(), IPlayer::Stopped);
     EXPECT_EQ(player->PlayTrack(3, 0, false), -1);
     EXPECT_EQ(player->GetState(), IPlayer::Stopped);
-    EXPECT_EQ(player->openFile(list[3].filename), -1);
-    EXPECT_EQ(player->openFile(list[0].filename), 0);
-    EXPECT_EQ(player->GetState(), IPlayer::Stopped);
     EXPECT_EQ(player->GetCurrentTrack(), 1);
-    EXPECT_EQ(playing(), list[1].filename);
+    EXPECT_EQ(player->GetPlayingTrack().filename, list[1].filename);
 }
 
-// A track ends on the play thread; handed back on the application's thread, the player moves on.
-// The middle track's decoding fails part-way: it ends like any other.
+// A track end, handed back on the application's thread, moves the player on, also past a track
+// whose decoding fails part-way, and without a callback object (the detached one hears nothing).
 TEST_F(Player, TrackEndsAdvanceOnTheApplicationsThread) {
     std::vector<Track> list = media_list(2);
     list.insert(list.begin() + 1, track(ae_test::media_path("tone440_corrupt.mp3")));
@@ -252,98 +171,62 @@ TEST_F(Player, TrackEndsAdvanceOnTheApplicationsThread) {
         player->SetMode(mode);
         ASSERT_EQ(player->PlayTrack(start, -1, false), 0);
         for (int current : currents) {
-            ASSERT_TRUE(rec->pump()) << mode;
+            ASSERT_TRUE(rec.pump()) << mode;
             EXPECT_EQ(player->GetCurrentTrack(), current) << mode;
         }
-        if (mode == IPlayer::Sequential) { // nothing follows the last track
-            EXPECT_FALSE(rec->pump(500));
-            EXPECT_EQ(player->GetState(), IPlayer::Finished);
-        }
+        EXPECT_FALSE(mode == IPlayer::Sequential && rec.pump(500)) << "past the last track";
     }
+    player->setCb(nullptr);
+    const int changes = rec.trackChanged;
+    ASSERT_EQ(player->PlayTrack(1, -1, false), 0);
+    ASSERT_TRUE(ae_test::wait_until([&] { return player->GetState() == IPlayer::Finished; }, 5000));
+    player->HandlePlayerStateChanged();
+    EXPECT_EQ(player->GetCurrentTrack(), 2);
+    EXPECT_EQ(rec.trackChanged, changes);
 }
 
 TEST_F(Player, TransportStatesAndSeconds) {
     vcard_set_speed(1.0); // real time, so that the track stays in its state
     player->SetPlayList({track(ae_test::media_path("tone440_10s.mp3"))});
-    player->TogglePlaying(); // no current track yet: nothing to restart
-    EXPECT_EQ(player->GetState(), IPlayer::Stopped);
-    // P, A, S and 9: SetState(Playing, Paused, Stopped, 9); T: TogglePlaying. Playing from Stopped
-    // starts the first track only when nothing is open; Toggle restarts a stopped one.
-    const std::string calls = "PTTA9PSPT", states = "121221001";
+    // P, A, S and 9: SetState(Playing, Paused, Stopped, 9); T: TogglePlaying. Toggle restarts a
+    // stopped track, if any; Playing from Stopped starts the first track only when nothing is open.
+    const std::string calls = "TPTTA9PSPT", states = "0121221001";
     for (size_t i = 0; i < calls.size(); ++i) {
         const int state = std::string("SPA9").find(calls[i]);
         calls[i] == 'T' ? player->TogglePlaying()
                         : player->SetState(static_cast<IPlayer::PlayState>(state));
         EXPECT_EQ(player->GetState(), states[i] - '0') << i;
     }
-    EXPECT_EQ(player->GetCurrentTrack(), 0);
     EXPECT_EQ(player->GetTrackSize(), 10);
     ASSERT_EQ(player->PlayTrack(0, 6, true), 0);
     EXPECT_EQ(player->GetState(), IPlayer::Paused);
-    EXPECT_EQ(player->GetTrackPosition(), 6);
-    player->SetTrackPosition(-3); // no seek
     EXPECT_EQ(player->GetTrackPosition(), 6);
     player->SetTrackPosition(9);
     EXPECT_EQ(player->GetTrackPosition(), 9);
     player->SetState(IPlayer::Playing);
     ASSERT_TRUE(ae_test::wait_until([&] { return player->GetState() == IPlayer::Finished; }, 5000));
     EXPECT_EQ(player->GetTrackPosition(), 10);
-    player->TogglePlaying();
-    player->SetState(IPlayer::Playing);
+    player->SetState(IPlayer::Playing); // a finished track does not start again
     EXPECT_EQ(player->GetState(), IPlayer::Finished);
 }
 
-TEST_F(Player, VolumeTempoRateAndChapters) {
-    EXPECT_EQ(player->GetMaxVolume(), 100);
-    for (int hidden : {0, 1}) { // a player made while the mixer is missing cannot set it
-        vcard_hide_mixer(hidden);
-        vcard_set_mixer_value(0);
-        IPlayer *other = AudioEngine_CreatePlayer();
-        other->SetVolume(35 + hidden);
-        EXPECT_EQ(other->GetVolume() + mp_control_volume(), 2 * (35 + hidden));
-        EXPECT_EQ(vcard_mixer_value() > 0, !hidden);
-        AudioEngine_DestroyPlayer(other);
-    }
-    // Tempo (1) or rate multiplier (0), the value set, the value read back (1.5: refused).
-    const double nan = std::nan("");
-    const std::tuple<bool, double, double> rows[] = {
-        {1, 0.25, 0.25}, {1, 4.0, 4.0}, {1, 0.2, 1.5},  {1, 4.5, 1.5},  {1, nan, 1.5},
-        {0, 0.5, 0.5},   {0, 2.0, 2.0}, {0, 0.49, 1.5}, {0, 2.01, 1.5}, {0, nan, 1.5}};
-    for (const auto &[tempo, value, read] : rows) {
-        player->setTempo(1.5);
-        player->setSampleRateMultiplier(1.5);
-        tempo ? player->setTempo(value) : player->setSampleRateMultiplier(value);
-        EXPECT_EQ(tempo ? player->getTempo() : player->getSampleRateMultiplier(), read)
-            << tempo << " " << value;
-    }
+// Chapters keep their order and indices, untitled ones too; a file without any has none.
+TEST_F(Player, ChaptersOfTheOpenFile) {
     ASSERT_EQ(player->openFile(AE_PLAYER_CHAPTERS_FILE), 0);
-    EXPECT_EQ(player->getMetadata()["title"], "Book");
     const auto chapters = player->getChapters();
     ASSERT_EQ(chapters.size(), 3u);
     const char *titles[] = {"Opening", "", "Closing"};
     for (int i = 0; i < 3; ++i) {
         const auto &c = chapters[i];
-        EXPECT_EQ(
-            std::make_tuple(c.index, c.filename, c.title, c.start, c.end),
-            std::make_tuple(i, std::string(), std::string(titles[i]), 1000 * i, 1000 * i + 1000));
+        EXPECT_EQ(std::make_tuple(c.index, c.title, c.start, c.end),
+                  std::make_tuple(i, std::string(titles[i]), 1000 * i, 1000 * i + 1000));
     }
     ASSERT_EQ(player->openFile(ae_test::media_path("tone440_3s.wav")), 0);
     EXPECT_TRUE(player->getChapters().empty());
 }
 
-TEST_F(Player, DetachedCallbackObjectHearsNothing) {
-    player->setCb(nullptr);
-    player->SetPlayList(media_list(2));
-    ASSERT_EQ(player->PlayTrack(0, -1, false), 0);
-    ASSERT_TRUE(ae_test::wait_until([&] { return player->GetState() == IPlayer::Finished; }, 5000));
-    player->HandlePlayerStateChanged();
-    EXPECT_EQ(player->GetCurrentTrack(), 1);
-    player->SetState(IPlayer::Stopped);
-    EXPECT_EQ(rec->events, 0);
-}
-
-// Random calls on short files at a fast card, track ends handed back between them; half the players
-// are destroyed while they play. Bounded to about 40 s.
+// Random calls racing the play thread, track ends handed back between them; half the players are
+// destroyed while they play. Bounded to about 40 s.
 TEST_F(Player, SoakOfRandomCallsWithTrackEnds) {
     std::vector<Track> files = media_list(8);
     files.push_back(track(ae_test::media_path("tone440_corrupt.mp3")));
@@ -359,28 +242,13 @@ TEST_F(Player, SoakOfRandomCallsWithTrackEnds) {
             [&] { p->PlayTrack(pick(-1, 11), pick(-1, 2), pick(0, 99) == 0); },
             [&] { pick(0, 1) ? p->NextTrack() : p->PreviousTrack(); },
             [&] { pick(0, 1) ? p->TogglePlaying() : p->SetState(IPlayer::PlayState(pick(0, 4))); },
-            [&] { p->SetTrackPosition(pick(-2, 4)), p->SetMode(IPlayer::PlayMode(pick(0, 4))); },
-            [&] {
-                p->setTempo(pick(0, 50) / 10.0), p->setSampleRateMultiplier(pick(0, 25) / 10.0);
-            },
-            [&] { p->EnqueueTrack(pick(0, 11)), p->DequeueTrack(pick(0, 11)); },
-            [&] {
-                std::shuffle(files.begin(), files.end(), rng);
-                p->SetPlayList(
-                    {files.begin(), files.begin() + (pick(0, 3) ? pick(3, 10) : pick(0, 2))});
-            },
-            [&] {
-                p->setEqualizerSettings({{pick(20, 16000), pick(-12, 12)}}),
-                    p->SetVolume(pick(0, 100));
-            },
-            [&] {
-                p->setCb(pick(0, 3) ? &rec : nullptr), p->getChapters(), p->getMetadata(),
-                    p->getCover();
-            },
-            [&] {
-                EXPECT_TRUE(p->GetTrackPosition() + p->GetTrackSize() >= 0 &&
-                            p->GetCurrentTrack() >= -1);
-            },
+            [&] { p->SetTrackPosition(pick(-2, 4)); },
+            [&] { p->SetMode(IPlayer::PlayMode(pick(0, 4))); },
+            [&] { p->setTempo(pick(0, 50) / 10.0); },
+            [&] { pick(0, 1) ? p->EnqueueTrack(pick(0, 11)) : p->DequeueTrack(pick(0, 11)); },
+            [&] { p->SetPlayList(std::vector<Track>(files.begin() + pick(0, 10), files.end())); },
+            [&] { p->SetVolume(pick(0, 100)); },
+            [&] { p->setCb(pick(0, 3) ? &rec : nullptr); },
             [&] { rec.pump(20); }};
         for (int i = 0; i < 1000 && std::chrono::steady_clock::now() < deadline; ++i) {
             ops[pick(0, static_cast<int>(std::size(ops)) - 1)]();
