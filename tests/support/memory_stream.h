@@ -32,7 +32,6 @@ public:
 
     int read(uint8_t *buffer, int size) override {
         usesAfterRetire += retired_;
-        ++reads;
         if (pos_ >= failFrom_)
             return readError_;
         if (pos_ >= bytes_.size())
@@ -59,7 +58,7 @@ public:
     }
 
     size_t size() const { return bytes_.size(); }
-    std::atomic<int> reads{0}, usesAfterRetire{0};
+    std::atomic<int> usesAfterRetire{0};
 
 private:
     std::vector<uint8_t> bytes_;

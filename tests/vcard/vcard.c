@@ -585,18 +585,6 @@ size_t vcard_capture(int16_t *out, size_t max_frames) {
     return got > 0 ? (size_t)got / FRAME_BYTES : 0;
 }
 
-char *vcard_events(void) {
-    pthread_mutex_lock(&card.mu);
-    size_t len = card.event_bytes;
-    char *out = malloc(len + 1);
-    if (out) {
-        memcpy(out, card.events, len);
-        out[len > 0 ? len - 1 : 0] = '\0';
-    }
-    pthread_mutex_unlock(&card.mu);
-    return out;
-}
-
 int vcard_count_events(const char *prefix) {
     int count = 0;
     size_t plen = strlen(prefix);
