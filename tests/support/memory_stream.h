@@ -32,6 +32,7 @@ public:
 
     int read(uint8_t *buffer, int size) override {
         usesAfterRetire += retired_;
+        ++reads;
         if (pos_ >= failFrom_)
             return readError_;
         if (pos_ >= bytes_.size())
@@ -58,7 +59,7 @@ public:
     }
 
     size_t size() const { return bytes_.size(); }
-    std::atomic<int> usesAfterRetire{0};
+    std::atomic<int> reads{0}, usesAfterRetire{0};
 
 private:
     std::vector<uint8_t> bytes_;
