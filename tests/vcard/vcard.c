@@ -19,7 +19,7 @@
 #include <time.h>
 #include <unistd.h>
 
-#define EVENT_BYTES (1 << 20)
+#define EVENT_BYTES (1 << 16)
 #define MIXER_WRITES 4096
 #define FRAME_BYTES 4
 #define WRITES 65536
@@ -59,11 +59,9 @@ static int64_t now_ns(void) {
     return (int64_t)ts.tv_sec * 1000000000 + ts.tv_nsec;
 }
 
-/* Appends one event line; card.mu held. "write" lines stop at three quarters of the log so that
- * the rarer events always fit. */
+/* Appends one event line; card.mu held. */
 __attribute__((format(printf, 1, 2))) static void event_locked(const char *fmt, ...) {
-    size_t limit = strncmp(fmt, "write", 5) == 0 ? EVENT_BYTES / 4 * 3 : EVENT_BYTES;
-    if (card.event_bytes + 64 > limit)
+    if (card.event_bytes + 64 > EVENT_BYTES)
         return;
     va_list ap;
     va_start(ap, fmt);
@@ -168,7 +166,6 @@ static snd_pcm_sframes_t pcm_transfer(snd_pcm_ioplug_t *io, const snd_pcm_channe
             card.writes[card.write_count] = (struct vcard_write){now, (long)n, dry > 0 ? dry : 0};
         card.write_count++;
         p->written += (uint64_t)n;
-        event_locked("write %ld", (long)n);
     }
     pthread_mutex_unlock(&card.mu);
     if (n < 0)
@@ -396,11 +393,9 @@ static int ctl_elem_list(snd_ctl_ext_t *ext, unsigned int offset, snd_ctl_elem_i
 }
 
 static snd_ctl_ext_key_t ctl_find_elem(snd_ctl_ext_t *ext, const snd_ctl_elem_id_t *id) {
-    int named = snd_ctl_elem_id_get_interface(id) == SND_CTL_ELEM_IFACE_MIXER &&
-                snd_ctl_elem_id_get_index(id) == 0 &&
-                strcmp(snd_ctl_elem_id_get_name(id), ELEM_NAME) == 0;
-    unsigned int numid = snd_ctl_elem_id_get_numid(id);
-    return !mixer_hidden() && (numid == 1 || (numid == 0 && named)) ? 0 : SND_CTL_EXT_KEY_NOT_FOUND;
+    int found =
+        snd_ctl_elem_id_get_numid(id) == 1 || !strcmp(snd_ctl_elem_id_get_name(id), ELEM_NAME);
+    return found && !mixer_hidden() ? 0 : SND_CTL_EXT_KEY_NOT_FOUND;
 }
 
 static int ctl_get_attribute(snd_ctl_ext_t *ext, snd_ctl_ext_key_t key, int *type,

@@ -46,8 +46,8 @@ struct vcard_write {
 };
 size_t vcard_writes(struct vcard_write *out, size_t max);
 
-/* Events counted by the start of their line: "open <rate>", "open-fail <errno>", "write <frames>",
- * "xrun", "gone", "prepare", "pause <0|1>", "drain", "drop" (a live stream stopped), "close". */
+/* Events, counted by the start of their line: "open <rate>", "open-fail <errno>", "xrun", "gone",
+ * "prepare", "pause <0|1>", "drain", "drop" (a live stream stopped), "close". */
 int vcard_count_events(const char *prefix);
 int vcard_is_open(void);
 
