@@ -144,8 +144,7 @@ int play(IAudioEngine *e, bool opened, Input ops, int budgetMs, int pieces) {
 
 } // namespace
 
-// [tempo] [rate] [flags] [equaliser] [16 operations] [media read from a caller stream]
-// flags bit 0: the stream refuses seeks; bit 1: it does not know its size.
+// [tempo] [rate] [flags: 1 no seeks, 2 no size] [equaliser] [16 operations] [caller stream media]
 int ae_fuzz_stream(const uint8_t *data, size_t size) {
     IAudioEngine *e = engine();
     Input in{data, size};
@@ -172,8 +171,7 @@ int ae_fuzz_zip(const uint8_t *data, size_t size) {
     return 0;
 }
 
-// [tone format] [tempo] [rate] [equaliser] [operations...] over a 400 ms 440 Hz S16 WAV tone at
-// one of eight rates, stereo or (format bit 3) mono.
+// [format: bits 0-2 rate, bit 3 mono] [tempo] [rate] [equaliser] [operations...]; a 400 ms tone
 int ae_fuzz_filters(const uint8_t *data, size_t size) {
     const uint32_t rates[] = {8000, 11025, 22050, 44100, 48000, 96000, 7350, 192000};
     IAudioEngine *e = engine();
