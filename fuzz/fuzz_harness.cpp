@@ -1,6 +1,5 @@
-// The fuzz targets: one engine on the virtual card at speed 0, the log silenced (AE_FUZZ_LOG shows
-// it), values drawn from the input (zeros once it is exhausted), bounded playback between checks
-// that always hold. libFuzzer targets with AE_FUZZ_TARGET; the replay test calls them directly.
+// The fuzz targets: one engine on the virtual card at speed 0, its log silenced unless AE_FUZZ_LOG
+// is set, values drawn from the input (zeros once it runs out), bounded playback between checks.
 #include <unistd.h>
 
 #include <atomic>
@@ -48,22 +47,20 @@ struct Input {
         at += part.n;
         return part;
     }
-    uint32_t le(int bytes) { // little-endian, the first byte read first
-        uint32_t v = 0;
+    uint64_t le(int bytes) { // little-endian
+        uint64_t v = 0;
         for (int i = 0; i < bytes; ++i)
-            v |= static_cast<uint32_t>(u8()) << 8 * i;
+            v |= uint64_t(u8()) << 8 * i;
         return v;
     }
-    // Tempo or rate: mostly inside [lo, hi], sometimes a limit, just beyond one, 1, or any double:
-    // NaN, infinities and huge values are a known finding (regressions/filters) that exploration
-    // replaces by -1 to find others; replays (AE_FUZZ_RAW_SPEEDS set) keep them.
+    // Mostly in [lo, hi], else a limit, just beyond one, 1 or any double: those not finite or huge
+    // (a known finding, regressions/filters) become -1 unless AE_FUZZ_RAW_SPEEDS is set.
     double speed(double lo, double hi) {
         const uint8_t k = u8();
         const double limits[] = {lo, hi, lo - 0.001, hi + 0.001, 1.0};
         if (k < 255)
             return k < 250 ? lo + (hi - lo) * k / 249.0 : limits[k - 250];
-        uint64_t bits = le(4);
-        bits |= static_cast<uint64_t>(le(4)) << 32;
+        const uint64_t bits = le(8);
         double v;
         memcpy(&v, &bits, sizeof v);
         static const bool raw = getenv("AE_FUZZ_RAW_SPEEDS") != nullptr;
@@ -93,16 +90,14 @@ struct ByteStream : tavrel::utilities::IAudioEngineStream, Input {
         whence &= ~AVSEEK_FORCE;
         if (whence == AVSEEK_SIZE || !seekable || whence < SEEK_SET || whence > SEEK_END)
             return whence == AVSEEK_SIZE && sized ? static_cast<int>(n) : -1;
-        const size_t base = whence == SEEK_SET ? 0 : whence == SEEK_CUR ? at : n;
-        const int64_t to = offset + static_cast<int64_t>(base);
+        const int64_t to = offset + int64_t(whence == SEEK_SET ? 0 : whence == SEEK_CUR ? at : n);
         return to < 0 || to > static_cast<int64_t>(n) ? -1 : static_cast<int>(at = to);
     }
     bool seekable, sized;
 };
 
-// Reads what the open media reports (the cover's first and last byte for ASan), plays it for at
-// most budgetMs of wall time or `pieces` position updates with an operation from `ops` every few
-// milliseconds (seek, pause and resume, tempo, rate, equaliser), closes it, undoes the settings.
+// Checks what the open media reports (the cover's ends read for ASan), plays it for budgetMs or
+// `pieces` position updates with an operation from `ops` every 2 ms, closes it, resets settings.
 int play(IAudioEngine *e, bool opened, Input ops, int budgetMs, int pieces) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(budgetMs);
     const qz_bitmap *c = opened ? e->getCover() : nullptr;
@@ -149,8 +144,7 @@ int play(IAudioEngine *e, bool opened, Input ops, int budgetMs, int pieces) {
 
 } // namespace
 
-// [tempo] [rate] [flags] [equaliser] [16 operations] [media read from a caller stream]
-// flags bit 0: the stream refuses seeks; bit 1: it does not know its size.
+// [tempo] [rate] [flags: 1 no seeks, 2 no size] [equaliser] [16 operations] [caller stream media]
 int ae_fuzz_stream(const uint8_t *data, size_t size) {
     IAudioEngine *e = engine();
     Input in{data, size};
@@ -177,10 +171,8 @@ int ae_fuzz_zip(const uint8_t *data, size_t size) {
     return 0;
 }
 
-// [tone format] [tempo] [rate] [equaliser] [operations...] over a 400 ms 440 Hz S16 tone made
-// as a WAV file at one of eight rates, stereo or (format bit 3) mono.
+// [format: bits 0-2 rate, bit 3 mono] [tempo] [rate] [equaliser] [operations...]; a 400 ms tone
 int ae_fuzz_filters(const uint8_t *data, size_t size) {
-    static std::vector<uint8_t> tones[16];
     const uint32_t rates[] = {8000, 11025, 22050, 44100, 48000, 96000, 7350, 192000};
     IAudioEngine *e = engine();
     Input in{data, size};
@@ -192,20 +184,14 @@ int ae_fuzz_filters(const uint8_t *data, size_t size) {
     const uint32_t header[] = {0x46464952, 36 + bytes, 0x45564157, 0x20746d66, 16, 1 | channels << 16,
                                rate, rate * channels * 2, channels * 2 | 16 << 16, 0x61746164, bytes};
     // clang-format on
-    std::vector<uint8_t> &wav = tones[format & 15];
-    if (wav.empty()) { // little-endian hosts
-        wav.resize(44 + bytes);
-        memcpy(wav.data(), header, 44);
-        for (uint32_t i = 0; i < samples; ++i) {
-            const auto v =
-                static_cast<int16_t>(8000 * std::sin(2 * M_PI * 440 * (i / channels) / rate));
-            memcpy(&wav[44 + 2 * i], &v, 2);
-        }
-    }
+    std::vector<int16_t> wav(22 + samples); // little-endian hosts
+    memcpy(wav.data(), header, 44);
+    for (uint32_t i = 0; i < samples; ++i)
+        wav[22 + i] = static_cast<int16_t>(8000 * std::sin(2 * M_PI * 440 * (i / channels) / rate));
     e->setTempo(in.speed(0.25, 4.0));
     e->setSampleRateMultiplier(in.speed(0.5, 2.0));
     e->setEqualizerSettings(in.equalizer(32));
-    ByteStream stream(Input{wav.data(), wav.size()}, true, true);
+    ByteStream stream(Input{reinterpret_cast<uint8_t *>(wav.data()), 2 * wav.size()}, true, true);
     return play(e, e->openWithStream(&stream) == 0, in, 400, 1000);
 }
 
