@@ -89,11 +89,12 @@ joined() { # joined <file> <part 1 arguments> -- <part 2 arguments>
     done
     shift
     # shellcheck disable=SC2086
-    corpus .corpus_part1.mp3 $first -c:a libmp3lame -b:a 32k -id3v2_version 0 -write_xing 0 \
+    corpus .$joined_file.part1.mp3 $first -c:a libmp3lame -b:a 32k -id3v2_version 0 -write_xing 0 \
         -f mp3
-    corpus .corpus_part2.mp3 "$@" -c:a libmp3lame -b:a 32k -id3v2_version 0 -write_xing 0 -f mp3
-    cat .corpus_part1.mp3 .corpus_part2.mp3 >.tmp.$$.joined
-    rm -f .corpus_part1.mp3 .corpus_part2.mp3
+    corpus .$joined_file.part2.mp3 "$@" -c:a libmp3lame -b:a 32k -id3v2_version 0 \
+        -write_xing 0 -f mp3
+    cat .$joined_file.part1.mp3 .$joined_file.part2.mp3 >.tmp.$$.joined
+    rm -f .$joined_file.part1.mp3 .$joined_file.part2.mp3
     mv .tmp.$$.joined "$joined_file"
 }
 joined corpus_joined_rate.mp3 $(tone 440 16000 3) -ac 1 -- $(tone 1000 8000 3) -ac 1
