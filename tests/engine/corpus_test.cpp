@@ -2,7 +2,9 @@
 // what the ffmpeg tool makes of the file through the chain the engine traces, byte for byte
 // (joined files: the same length and each part's tone). Tags, chapters, cover, duration and a
 // seek to the middle are checked too.
+#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -164,8 +166,23 @@ TEST(EngineCorpusTest, PlaysEveryShapeWholeAsTheToolDoes) {
                 EXPECT_NEAR(ae_test::zero_crossing_frequency({at(.55), at(.95)}, 2, 0, kRate),
                             shape.tone2, 5);
             } else {
-                EXPECT_TRUE(got == want) << chain << ": engine " << got.size() / 2
-                                         << " frames, tool " << want.size() / 2;
+                // How far apart the samples are, with the tool's shifted by `shift` samples.
+                const auto apart = [&](long shift) {
+                    int most = 0;
+                    for (long i = 2; i + 2 < long(std::min(got.size(), want.size())); ++i)
+                        most = std::max(most, std::abs(got[i] - want[i + shift]));
+                    return most;
+                };
+#ifndef AE_TEST_EMULATED
+                EXPECT_TRUE(got == want)
+                    << chain << ": engine " << got.size() / 2 << " frames, tool " << want.size() / 2
+                    << ", samples apart by " << apart(0);
+#else
+                // Under qemu the tool is the host's x86-64 build: FFmpeg's floating-point code
+                // rounds there a unit apart, and a tempo stage may end a frame apart.
+                EXPECT_NEAR(got.size(), want.size(), 2) << chain;
+                EXPECT_LE(std::min({apart(-2), apart(0), apart(2)}), 4) << chain;
+#endif
             }
             if (s != 0 || shape.durationS < 2)
                 continue;
