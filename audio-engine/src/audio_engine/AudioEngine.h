@@ -109,11 +109,17 @@ public:
     int read_packet(uint8_t *buf, int size);
 
     // --- Filter graph (filter_graph.cpp) -------------------------------------------------------
-    // Builds the graph for `stream` from the current settings: 0 or a negative FFmpeg error.
-    // On failure the graph is incomplete and must not be fed or pulled.
+    // Builds the graph for `stream`, its source for the stream's declared format, from the
+    // current settings: 0 or a negative FFmpeg error. On failure the graph is incomplete and
+    // must not be fed or pulled.
     int init_filter_graph(AVFormatContext *format, AVStream *stream);
-    // Releases the graph, clears equalizerChanged and builds it again.
+    // Releases the graph, clears equalizerChanged and builds it again for the same format.
     int reconfigure_filter_graph(AVFormatContext *format, AVStream *stream);
+    // Whether the source takes `frame` as it is (same rate, sample format and layout).
+    bool sourceAccepts(const AVFrame *frame) const;
+    // Rebuilds the graph with its source for the format of `frame`: a stream whose format
+    // changes midway (joined files) plays on.
+    int rebuild_for_frame(AVFormatContext *format, AVStream *stream, const AVFrame *frame);
 
     // --- Play thread (play_loop.cpp) -----------------------------------------------------------
     void playLoop();
@@ -132,8 +138,13 @@ public:
     void read_video_frame();
 
 private:
+    // Builds the graph for the source format below (see init_filter_graph).
+    int build_filter_graph(AVStream *stream);
     // The one place that frees the filter graph and its seven instances.
     void free_filter_graph();
+    // Writes a decoded frame into the graph, rebuilding it first when a setting or the
+    // stream's format changed; the result of the write. Throws when the rebuild fails.
+    int feedGraph(AVStream *stream, AVFrame *decoded);
     // cleanup() without the log line: what the destructor releases.
     void releaseMedia();
     // Frees the zip I/O context and its buffer (the demuxer never owns them).
@@ -209,6 +220,11 @@ public:
     // Guarded by equalizerMutex: the setter replaces the list, a build copies it.
     std::vector<std::pair<int, int>> equalizerSettings;
     std::atomic<bool> equalizerChanged;
+    // Format the graph's source is built for: the stream's at open, a decoded frame's once the
+    // stream changed format (opening thread, then play thread).
+    int sourceRate = 0;
+    int sourceFormat = -1;
+    uint64_t sourceChannelMask = 0;
 
     int64_t durationMs; // written only by the opening sequence
     // Guarded by infoMutex: replaced by an open, copied by getMetadata() / getChapters().

@@ -15,6 +15,7 @@ extern "C" {
 }
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
@@ -108,8 +109,11 @@ void AudioEngine::read_cover() {
 
     read_video_frame();
 
-    // Whatever was read to find the picture is read again by the play loop.
-    av_seek_frame(formatCtx, -1, 0, 0);
+    // Whatever was read to find the picture is read again by the play loop, from the audio
+    // stream's first packet. A seek to time 0 would skip the packets stamped before 0 (the
+    // encoder delay of AAC in MP4), and the decoder would start on a later packet.
+    if (avformat_seek_file(formatCtx, audioStreamIndex, INT64_MIN, INT64_MIN, INT64_MIN, 0) < 0)
+        av_seek_frame(formatCtx, -1, 0, 0);
 }
 
 // Reads packets up to the first decoded frame of the picture stream and converts it. Failures

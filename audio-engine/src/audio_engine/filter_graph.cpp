@@ -16,6 +16,8 @@ extern "C" {
 #include <libavfilter/buffersrc.h>
 #include <libavformat/avformat.h>
 #include <libavutil/channel_layout.h>
+#include <libavutil/common.h>
+#include <libavutil/frame.h>
 #include <libavutil/samplefmt.h>
 }
 
@@ -49,7 +51,10 @@ int createFilter(AVFilterContext **ctx, const AVFilter *filter, const char *labe
     return avfilter_graph_create_filter(ctx, filter, nullptr, args, nullptr, graph);
 }
 
-// The channel mask declared to the source for a stream's layout.
+// The channel mask declared to the source for a layout. A layout without a channel mask gets
+// the usual one for its channel count: declaring more channels than the decoded frames carry
+// would make the source read past their planes. The common unmasked case, two channels, is
+// thus declared stereo.
 uint64_t declaredChannelMask(const AVChannelLayout &layout) {
     if (layout.order == AV_CHANNEL_ORDER_NATIVE && layout.u.mask != 0)
         return layout.u.mask;
@@ -63,6 +68,31 @@ uint64_t declaredChannelMask(const AVChannelLayout &layout) {
 } // namespace
 
 int AudioEngine::init_filter_graph(AVFormatContext * /*format*/, AVStream *audio) {
+    const AVCodecParameters *par = audio->codecpar;
+    sourceRate = par->sample_rate;
+    sourceFormat = par->format;
+    sourceChannelMask = declaredChannelMask(par->ch_layout);
+    return build_filter_graph(audio);
+}
+
+bool AudioEngine::sourceAccepts(const AVFrame *frame) const {
+    // The source fills in the layout of a frame that only tells its channel count.
+    const AVChannelLayout &layout = frame->ch_layout;
+    return frame->sample_rate == sourceRate && frame->format == sourceFormat &&
+           layout.nb_channels == av_popcount64(sourceChannelMask) &&
+           (layout.order != AV_CHANNEL_ORDER_NATIVE || layout.u.mask == sourceChannelMask);
+}
+
+int AudioEngine::rebuild_for_frame(AVFormatContext *format, AVStream *audio, const AVFrame *frame) {
+    sourceRate = frame->sample_rate;
+    sourceFormat = frame->format;
+    sourceChannelMask = declaredChannelMask(frame->ch_layout);
+    AE_LOG(4, "Stream format changed: %d Hz, %s, channel layout 0x%llx", sourceRate,
+           sampleFmtName(sourceFormat), static_cast<unsigned long long>(sourceChannelMask));
+    return reconfigure_filter_graph(format, audio);
+}
+
+int AudioEngine::build_filter_graph(AVStream *audio) {
     filterGraph = avfilter_graph_alloc();
     if (!filterGraph) {
         AE_LOG(2, "%s", "unable to create filter graph: out of memory");
@@ -81,23 +111,19 @@ int AudioEngine::init_filter_graph(AVFormatContext * /*format*/, AVStream *audio
         return AVERROR_FILTER_NOT_FOUND;
     }
 
-    const AVCodecParameters *par = audio->codecpar;
     char args[kFilterArgsSize];
     int ret;
 
-    if (par->sample_rate < kMinStreamRate || par->sample_rate > kMaxStreamRate) {
-        AE_LOG(2, "unsupported sample rate %d", par->sample_rate);
+    if (sourceRate < kMinStreamRate || sourceRate > kMaxStreamRate) {
+        AE_LOG(2, "unsupported sample rate %d", sourceRate);
         return AVERROR(EINVAL);
     }
 
-    // Source. A stream without a channel mask gets the usual layout for its channel count:
-    // declaring more channels than the decoded frames carry would make the source read past
-    // their planes. The common unmasked case, two channels, is thus declared stereo.
-    const uint64_t mask = declaredChannelMask(par->ch_layout);
+    // Source, in the stream's time base whatever its format, so positions stay comparable.
     snprintf(args, sizeof args,
              "time_base=%d/%d:sample_rate=%d:sample_fmt=%s:channel_layout=0x%llx",
-             audio->time_base.num, audio->time_base.den, par->sample_rate,
-             sampleFmtName(par->format), static_cast<unsigned long long>(mask));
+             audio->time_base.num, audio->time_base.den, sourceRate, sampleFmtName(sourceFormat),
+             static_cast<unsigned long long>(sourceChannelMask));
     ret = createFilter(&abufferCtx, abuffer, "abuffer", args, filterGraph);
     if (ret < 0) {
         AE_LOG(2, "%s", "error initializing abuffer filter");
@@ -158,7 +184,7 @@ int AudioEngine::init_filter_graph(AVFormatContext * /*format*/, AVStream *audio
     // Rate stage: the stream's rate times the multiplier, truncated.
     const double multiplier = sampleRateMultiplier.load();
     // Kept within int so the conversion is defined; asetrate refuses what it cannot run.
-    const double scaled = par->sample_rate * multiplier;
+    const double scaled = sourceRate * multiplier;
     const int rate = scaled >= INT_MAX   ? INT_MAX
                      : scaled <= INT_MIN ? INT_MIN
                                          : static_cast<int>(scaled);
@@ -211,10 +237,10 @@ int AudioEngine::init_filter_graph(AVFormatContext * /*format*/, AVStream *audio
     return 0;
 }
 
-int AudioEngine::reconfigure_filter_graph(AVFormatContext *format, AVStream *audio) {
+int AudioEngine::reconfigure_filter_graph(AVFormatContext * /*format*/, AVStream *audio) {
     free_filter_graph();
     equalizerChanged = false;
-    return init_filter_graph(format, audio);
+    return build_filter_graph(audio);
 }
 
 void AudioEngine::free_filter_graph() {

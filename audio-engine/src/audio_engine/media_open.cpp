@@ -71,7 +71,11 @@ int AudioEngine::openFileInt(const std::string &path, AVIOContext *io) {
         audioStreamIndex = index;
         AVStream *audio = formatCtx->streams[index];
 
-        durationMs = wholeSecondsMs(audio->duration, audio->time_base);
+        // A stream that does not know its own duration (Matroska keeps only the segment's)
+        // takes the container's.
+        durationMs = audio->duration != AV_NOPTS_VALUE
+                         ? wholeSecondsMs(audio->duration, audio->time_base)
+                         : wholeSecondsMs(formatCtx->duration, AV_TIME_BASE_Q);
 
         const AVCodec *codec = avcodec_find_decoder(audio->codecpar->codec_id);
         if (!codec)

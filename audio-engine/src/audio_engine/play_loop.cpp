@@ -223,6 +223,24 @@ bool AudioEngine::graphNeedsRebuild() const {
            std::fabs(graphTempo - tempo.load()) > kRebuildThreshold || equalizerChanged.load();
 }
 
+// A stream may change its rate, sample format or layout midway (parts joined into one file);
+// the graph is then built anew for the new format, like a rebuild for a new setting: the audio
+// the old graph holds is dropped, the settings stay and positions keep the stream's time base.
+int AudioEngine::feedGraph(AVStream *audio, AVFrame *decoded) {
+    int rebuilt = 0;
+    if (!sourceAccepts(decoded))
+        rebuilt = rebuild_for_frame(formatCtx, audio, decoded);
+    else if (graphNeedsRebuild())
+        rebuilt = reconfigure_filter_graph(formatCtx, audio);
+    if (rebuilt < 0) {
+        av_frame_unref(decoded);
+        throw FfmpegError("Failed to rebuild the filter graph");
+    }
+    const int written = av_buffersrc_write_frame(abufferCtx, decoded);
+    av_frame_unref(decoded);
+    return written;
+}
+
 void AudioEngine::holdWhilePaused() {
     if (state.load() != Paused)
         return;
@@ -269,12 +287,7 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
             if (received < 0)
                 throw FfmpegError("Failed to avcodec_receive_frame");
 
-            if (graphNeedsRebuild() && reconfigure_filter_graph(formatCtx, audio) < 0)
-                throw FfmpegError("Failed to rebuild the filter graph");
-
-            const int written = av_buffersrc_write_frame(abufferCtx, decoded);
-            av_frame_unref(decoded);
-            if (written < 0)
+            if (feedGraph(audio, decoded) < 0)
                 throw FfmpegError("Failed to av_buffersrc_write_frame");
 
             bool outputPass = false;
@@ -378,10 +391,9 @@ bool AudioEngine::drainAtEndOfMedia(AVFrame *decoded, AVFrame *filtered) {
     if (state.load() == Stopped)
         return true;
     if (avcodec_send_packet(decoderCtx, nullptr) >= 0) {
+        AVStream *audio = formatCtx->streams[audioStreamIndex];
         while (avcodec_receive_frame(decoderCtx, decoded) >= 0) {
-            const int written = av_buffersrc_write_frame(abufferCtx, decoded);
-            av_frame_unref(decoded);
-            if (written < 0)
+            if (feedGraph(audio, decoded) < 0)
                 break;
         }
     }
