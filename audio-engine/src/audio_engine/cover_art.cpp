@@ -22,6 +22,8 @@ namespace {
 
 // Larger pictures (and empty ones) give no cover.
 const int kMaxCoverSide = 8192;
+// Row alignment of the converted image: room for the scaler's widest vector stores.
+const int kRowAlign = 64;
 
 // Owners of what one conversion allocates, so every way out releases them.
 struct ScalerOwner {
@@ -50,19 +52,15 @@ qz_bitmap *convertPicture(const AVFrame *frame, int w, int h, AVPixelFormat sour
     if (!scaler.ctx)
         return nullptr;
 
-    // sws_scale writes a packed image (alignment 1) into a buffer of our own; its rows are then
-    // copied to the bitmap's rows, whose padding is left as the platform made it.
-    const int size = av_image_get_buffer_size(target, w, h, 1);
-    if (size <= 0)
-        return nullptr;
-    PackedImage packed;
-    packed.pixels = static_cast<uint8_t *>(av_malloc(static_cast<size_t>(size)));
-    if (!packed.pixels)
-        return nullptr;
+    // sws_scale writes into an image of our own whose rows are padded: its vector code stores
+    // whole blocks and runs past the end of a row of exactly w pixels. The pixels of each row
+    // are then copied to the bitmap's rows, whose padding is left as the platform made it.
     uint8_t *planes[4] = {nullptr, nullptr, nullptr, nullptr};
     int lineSizes[4] = {0, 0, 0, 0};
-    if (av_image_fill_arrays(planes, lineSizes, packed.pixels, target, w, h, 1) < 0)
+    PackedImage packed;
+    if (av_image_alloc(planes, lineSizes, w, h, target, kRowAlign) < 0)
         return nullptr;
+    packed.pixels = planes[0];
     if (sws_scale(scaler.ctx, frame->data, frame->linesize, 0, frame->height, planes, lineSizes) !=
         h)
         return nullptr;
@@ -70,14 +68,14 @@ qz_bitmap *convertPicture(const AVFrame *frame, int w, int h, AVPixelFormat sour
     qz_bitmap *bitmap = NewBitmapWithFormat(w, h, colour ? QZ_BITMAP_RGB24 : QZ_BITMAP_GRAY8);
     if (!bitmap)
         return nullptr;
-    const size_t row = static_cast<size_t>(lineSizes[0]);
+    const size_t row = static_cast<size_t>(av_image_get_linesize(target, w, 0));
     if (bitmap->stride < row) {
         free(bitmap);
         return nullptr;
     }
     for (int y = 0; y < h; ++y)
         memcpy(bitmap->data + static_cast<size_t>(y) * bitmap->stride,
-               planes[0] + static_cast<size_t>(y) * row, row);
+               planes[0] + static_cast<size_t>(y) * static_cast<size_t>(lineSizes[0]), row);
     return bitmap;
 }
 
