@@ -8,7 +8,8 @@
 //   listen_bench change RUNS LATE_MS FILE... a player plays FILE... as one book (Sequential); the
 //                                            silence the card got at each change of file (the
 //                                            application moves on LATE_MS after each end)
-//   listen_bench play SECONDS FILE           plays SECONDS of FILE and stops (for CPU time)
+//   listen_bench play SECONDS FILE [paused]  plays SECONDS of FILE and stops (for CPU time);
+//                                            paused: holds it paused as soon as it started
 //   listen_bench tool-start RUNS CMD...      CMD (a program playing on the card through ALSA,
 //   listen_bench tool-change CMD...          run with the preload library of $VCARD_PRELOAD) from
 //                                            its start to its first write; its silences
@@ -270,13 +271,15 @@ int changeBench(int runs, int lateMs, const std::vector<std::string> &files) {
     return 0;
 }
 
-int playBench(int seconds, const std::string &file) {
+int playBench(int seconds, const std::string &file, bool paused) {
     IAudioEngine *engine = AudioEngine_CreateAudioEngine();
     engine->setStateChangedCb([] {});
     vcard_setup();
     vcard_set_speed(1.0);
     if (engine->openFile(file) != 0 || engine->start() != 0)
         return 1;
+    if (paused)
+        engine->pause();
     sleepMs(seconds * 1000);
     engine->stop();
     engine->closeFile();
@@ -343,10 +346,10 @@ int toolChange(char **argv) {
 }
 
 int usage() {
-    fprintf(stderr,
-            "usage: listen_bench start RUNS FILE... | seek RUNS TARGET_S FILE... |\n"
-            "       change RUNS LATE_MS FILE... | play SECONDS FILE | tool-start RUNS CMD... |\n"
-            "       tool-change CMD...\n");
+    fprintf(stderr, "usage: listen_bench start RUNS FILE... | seek RUNS TARGET_S FILE... |\n"
+                    "       change RUNS LATE_MS FILE... | play SECONDS FILE [paused] |\n"
+                    "       tool-start RUNS CMD... |"
+                    "       tool-change CMD...\n");
     return 2;
 }
 
@@ -368,8 +371,8 @@ int main(int argc, char **argv) {
     else if (mode == "change" && rest.size() >= 3)
         rc = changeBench(n, atoi(rest[0].c_str()),
                          std::vector<std::string>(rest.begin() + 1, rest.end()));
-    else if (mode == "play" && rest.size() == 1)
-        rc = playBench(n, rest[0]);
+    else if (mode == "play" && (rest.size() == 1 || (rest.size() == 2 && rest[1] == "paused")))
+        rc = playBench(n, rest[0], rest.size() == 2);
     else if (mode == "tool-start" && !rest.empty())
         return toolStart(n, argv + 3);
     else if (mode == "tool-change")
