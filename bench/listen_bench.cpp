@@ -190,7 +190,9 @@ int seekBench(int runs, int targetS, const std::vector<std::string> &files) {
             freshCard();
             if (engine->openFile(file) != 0 || engine->start() != 0)
                 break;
-            sleepMs(1500); // steady playing: ring and device buffer full
+            // Steady playing (ring and device buffer full), at a different point of the
+            // output's 4,608-frame (105 ms) cycle in each run.
+            sleepMs(1500 + 105 * r / runs);
             const int64_t t0 = nowNs();
             engine->seekStream(targetS * 1000);
             sleepMs(1000);
