@@ -120,8 +120,11 @@ public:
     void playLoop();
     // Copies a filtered frame into output pieces and pushes them: 0 (also when stopped before
     // the audio went out), -19 when the output is gone, else the last push_output_buffer result.
-    int sendToOutput(AVFrame *frame);
+    // With `yieldToSeek`, 1 when a seek is pending as it needs a new piece: the rest of the
+    // frame is dropped, so that the audio from the seek's target takes that piece.
+    int sendToOutput(AVFrame *frame, bool yieldToSeek = false);
     int pushFilledPiece();
+    bool seekPending();
     // Platform media-player state; BanSleep(4) precedes state 0.
     void set_mp_state(int s);
 
