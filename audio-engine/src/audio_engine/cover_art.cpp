@@ -1,6 +1,9 @@
-// AudioEngine: the cover picture of the open media. The attached picture is decoded once while
-// the media is opened, converted to the display's pixel layout (RGB24 on a colour display, GRAY8
-// on a grey one) and kept as a device bitmap until the media is released.
+// AudioEngine: the cover picture of the open media. The picture is decoded once, converted to
+// the display's pixel layout (RGB24 on a colour display, GRAY8 on a grey one) and kept as a
+// device bitmap until the media is released. An attached picture, which the demuxer already
+// holds in memory, is decoded when the application first asks for it: a large cover (a 3000 x
+// 3000 PNG takes several hundred milliseconds) then no longer delays the first audio. A picture
+// that must be read from the demuxer is decoded while the media is opened.
 #include "AudioEngine.h"
 
 #include "engine_log.h"
@@ -23,6 +26,8 @@ namespace {
 
 // Larger pictures (and empty ones) give no cover.
 const int kMaxCoverSide = 8192;
+// Row alignment of the converted image: room for the scaler's widest vector stores.
+const int kRowAlign = 64;
 
 // Owners of what one conversion allocates, so every way out releases them.
 struct ScalerOwner {
@@ -51,19 +56,15 @@ qz_bitmap *convertPicture(const AVFrame *frame, int w, int h, AVPixelFormat sour
     if (!scaler.ctx)
         return nullptr;
 
-    // sws_scale writes a packed image (alignment 1) into a buffer of our own; its rows are then
-    // copied to the bitmap's rows, whose padding is left as the platform made it.
-    const int size = av_image_get_buffer_size(target, w, h, 1);
-    if (size <= 0)
-        return nullptr;
-    PackedImage packed;
-    packed.pixels = static_cast<uint8_t *>(av_malloc(static_cast<size_t>(size)));
-    if (!packed.pixels)
-        return nullptr;
+    // sws_scale writes into an image of our own whose rows are padded: its vector code stores
+    // whole blocks and runs past the end of a row of exactly w pixels. The pixels of each row
+    // are then copied to the bitmap's rows, whose padding is left as the platform made it.
     uint8_t *planes[4] = {nullptr, nullptr, nullptr, nullptr};
     int lineSizes[4] = {0, 0, 0, 0};
-    if (av_image_fill_arrays(planes, lineSizes, packed.pixels, target, w, h, 1) < 0)
+    PackedImage packed;
+    if (av_image_alloc(planes, lineSizes, w, h, target, kRowAlign) < 0)
         return nullptr;
+    packed.pixels = planes[0];
     if (sws_scale(scaler.ctx, frame->data, frame->linesize, 0, frame->height, planes, lineSizes) !=
         h)
         return nullptr;
@@ -71,20 +72,23 @@ qz_bitmap *convertPicture(const AVFrame *frame, int w, int h, AVPixelFormat sour
     qz_bitmap *bitmap = NewBitmapWithFormat(w, h, colour ? QZ_BITMAP_RGB24 : QZ_BITMAP_GRAY8);
     if (!bitmap)
         return nullptr;
-    const size_t row = static_cast<size_t>(lineSizes[0]);
+    const size_t row = static_cast<size_t>(av_image_get_linesize(target, w, 0));
     if (bitmap->stride < row) {
         free(bitmap);
         return nullptr;
     }
     for (int y = 0; y < h; ++y)
         memcpy(bitmap->data + static_cast<size_t>(y) * bitmap->stride,
-               planes[0] + static_cast<size_t>(y) * row, row);
+               planes[0] + static_cast<size_t>(y) * static_cast<size_t>(lineSizes[0]), row);
     return bitmap;
 }
 
 } // namespace
 
 qz_bitmap *AudioEngine::getCover() {
+    std::lock_guard<std::mutex> lock(coverMutex);
+    if (coverPacket)
+        decodeAttachedPicture();
     return cover.load();
 }
 
@@ -95,16 +99,18 @@ void AudioEngine::read_cover() {
     if (index < 0)
         return;
     coverStreamIndex = index;
-    const AVCodecParameters *parameters = formatCtx->streams[index]->codecpar;
-    const AVCodec *codec = avcodec_find_decoder(parameters->codec_id);
-    if (!codec)
+    const AVStream *picture = formatCtx->streams[index];
+    if ((picture->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0 &&
+        picture->attached_pic.size > 0) {
+        // Kept for getCover(), which may run while the play thread uses the demuxer: a
+        // reference to the packet and a copy of the parameters, nothing of the demuxer's.
+        std::lock_guard<std::mutex> lock(coverMutex);
+        coverParams = avcodec_parameters_alloc();
+        if (coverParams && avcodec_parameters_copy(coverParams, picture->codecpar) >= 0)
+            coverPacket = av_packet_clone(&picture->attached_pic);
         return;
-    coverDecoderCtx = avcodec_alloc_context3(codec);
-    if (!coverDecoderCtx)
-        return;
-    if (avcodec_parameters_to_context(coverDecoderCtx, parameters) < 0)
-        return;
-    if (avcodec_open2(coverDecoderCtx, codec, nullptr) != 0)
+    }
+    if (!openCoverDecoder(picture->codecpar))
         return;
 
     read_video_frame();
@@ -114,6 +120,64 @@ void AudioEngine::read_cover() {
     // encoder delay of AAC in MP4), and the decoder would start on a later packet.
     if (avformat_seek_file(formatCtx, audioStreamIndex, INT64_MIN, INT64_MIN, INT64_MIN, 0) < 0)
         av_seek_frame(formatCtx, -1, 0, 0);
+}
+
+bool AudioEngine::openCoverDecoder(const AVCodecParameters *parameters) {
+    const AVCodec *codec = avcodec_find_decoder(parameters->codec_id);
+    if (!codec)
+        return false;
+    coverDecoderCtx = avcodec_alloc_context3(codec);
+    if (!coverDecoderCtx)
+        return false;
+    if (avcodec_parameters_to_context(coverDecoderCtx, parameters) < 0)
+        return false;
+    return avcodec_open2(coverDecoderCtx, codec, nullptr) == 0;
+}
+
+// Sends one packet of the picture stream and takes a frame: true with a frame in `frame`, false
+// when the decoder needs more input. Failures raise FfmpegError.
+bool AudioEngine::decodeCoverPacket(const AVPacket *packet, AVFrame *frame) {
+    const int sent = avcodec_send_packet(coverDecoderCtx, packet);
+    if (sent < 0 && sent != AVERROR(EAGAIN))
+        throw FfmpegError("Failed to avcodec_send_packet");
+    const int received = avcodec_receive_frame(coverDecoderCtx, frame);
+    if (received == AVERROR(EAGAIN)) {
+        if (sent == AVERROR(EAGAIN))
+            throw FfmpegError("Can't require more input and more output simultaneously!!!");
+        return false;
+    }
+    if (received < 0)
+        throw FfmpegError("Failed to avcodec_receive_frame");
+    return true;
+}
+
+// The picture's size is the stream's; the pixel layout is read as the decoder delivered it (the
+// stream's own, unless the decoder chose another one).
+void AudioEngine::convertCover(const AVFrame *frame, const AVCodecParameters *parameters) {
+    const AVPixelFormat source = static_cast<AVPixelFormat>(frame->format);
+    cover = convertPicture(frame, parameters->width, parameters->height, source,
+                           device_display_colormask() != 0);
+}
+
+// Decodes the attached picture kept by read_cover(); coverMutex held. Failures are logged and
+// give no cover, as at the open.
+void AudioEngine::decodeAttachedPicture() {
+    AVPacket *packet = coverPacket;
+    coverPacket = nullptr;
+    AVFrame *frame = nullptr;
+    try {
+        if (openCoverDecoder(coverParams)) {
+            frame = av_frame_alloc();
+            if (!frame)
+                throw FfmpegError("Failed to av_frame_alloc");
+            if (decodeCoverPacket(packet, frame))
+                convertCover(frame, coverParams);
+        }
+    } catch (const std::exception &e) {
+        AE_LOG(2, "%s", e.what());
+    }
+    av_frame_free(&frame);
+    av_packet_free(&packet);
 }
 
 // Reads packets up to the first decoded frame of the picture stream and converts it. Failures
@@ -134,33 +198,12 @@ void AudioEngine::read_video_frame() {
 
         bool decoded = false;
         while (!decoded && av_read_frame(formatCtx, packet) >= 0) {
-            if (packet->stream_index != coverStreamIndex) {
-                av_packet_unref(packet);
-                continue;
-            }
-            const int sent = avcodec_send_packet(coverDecoderCtx, packet);
-            if (sent < 0 && sent != AVERROR(EAGAIN))
-                throw FfmpegError("Failed to avcodec_send_packet");
-            const int received = avcodec_receive_frame(coverDecoderCtx, frame);
-            if (received == AVERROR(EAGAIN)) {
-                if (sent == AVERROR(EAGAIN))
-                    throw FfmpegError("Can't require more input and more output simultaneously!!!");
-                av_packet_unref(packet);
-                continue;
-            }
-            if (received < 0)
-                throw FfmpegError("Failed to avcodec_receive_frame");
-            decoded = true;
+            if (packet->stream_index == coverStreamIndex)
+                decoded = decodeCoverPacket(packet, frame);
+            av_packet_unref(packet);
         }
-
-        if (decoded) {
-            const AVCodecParameters *parameters = formatCtx->streams[coverStreamIndex]->codecpar;
-            // The size is the stream's; the pixel layout is read as the decoder delivered it
-            // (the stream's own, unless the decoder chose another one).
-            const AVPixelFormat source = static_cast<AVPixelFormat>(frame->format);
-            cover = convertPicture(frame, parameters->width, parameters->height, source,
-                                   device_display_colormask() != 0);
-        }
+        if (decoded)
+            convertCover(frame, formatCtx->streams[coverStreamIndex]->codecpar);
     } catch (const std::exception &e) {
         AE_LOG(2, "%s", e.what());
     }

@@ -33,6 +33,7 @@ const useconds_t kPollUs = 10000;       // every wait of the play thread polls a
 const int kMaxPiecePolls = 500000;      // about 5000 s without a free piece
 const double kRebuildThreshold = 0.001; // smaller setting changes keep the current graph
 const int kOutputGone = -19;            // -ENODEV, as push_output_buffer reports it
+const int kSeekFirst = 1;               // sendToOutput left the rest of a frame for a seek
 
 // Platform media-player states.
 const int kMpEnded = 0;
@@ -301,12 +302,19 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
                     AE_LOG(2, "%s", "Failed to av_buffersink_get_frame");
                     break;
                 }
-                if (sendToOutput(filtered) == kOutputGone) {
+                const int sent = sendToOutput(filtered, true);
+                if (sent == kOutputGone) {
                     av_frame_unref(filtered);
                     reportNoOutput();
                     break;
                 }
                 outputPass = true;
+                if (sent == kSeekFirst) {
+                    // The rest of this audio is from before the seek, which is carried out now
+                    // instead of after the next free piece; the graph's rest goes with it.
+                    av_frame_unref(filtered);
+                    break;
+                }
                 if (filtered->best_effort_timestamp != AV_NOPTS_VALUE) {
                     lastTimestamp = filtered->best_effort_timestamp;
                     havePosition = true;
@@ -416,7 +424,7 @@ bool AudioEngine::drainAtEndOfMedia(AVFrame *decoded, AVFrame *filtered) {
 
 // --- Output --------------------------------------------------------------------------------------
 
-int AudioEngine::sendToOutput(AVFrame *frame) {
+int AudioEngine::sendToOutput(AVFrame *frame, bool yieldToSeek) {
     const int channels = frame->ch_layout.nb_channels;
     const AVSampleFormat format = static_cast<AVSampleFormat>(frame->format);
     const int size = av_get_bytes_per_sample(format);
@@ -445,6 +453,8 @@ int AudioEngine::sendToOutput(AVFrame *frame) {
             for (int polls = 0; !piece; piece = get_output_buffer()) {
                 if (state.load() == Stopped)
                     return 0;
+                if (yieldToSeek && seekPending())
+                    return kSeekFirst;
                 if (alsa_output_working() == 0) {
                     outputStopped = true;
                     break;
@@ -455,6 +465,8 @@ int AudioEngine::sendToOutput(AVFrame *frame) {
                 }
                 usleep(kPollUs);
             }
+            if (yieldToSeek && seekPending())
+                return kSeekFirst;
 
             holdWhilePaused();
             if (state.load() == Stopped)
@@ -508,6 +520,11 @@ int AudioEngine::sendToOutput(AVFrame *frame) {
         }
     }
     return 0;
+}
+
+bool AudioEngine::seekPending() {
+    std::lock_guard<std::mutex> lock(engineMutex);
+    return seekRequested;
 }
 
 // Hands the piece being filled to the output layer, full or not: 0, or -19 once the output

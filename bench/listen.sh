@@ -1,0 +1,259 @@
+#!/bin/bash
+# What a listener and the battery notice, engine against the ffmpeg tool, on the tests' virtual
+# sound card paced at real time (tests/vcard, which records when each write arrives):
+#   1. start: PlayTrack to the first write at the card (MP3, M4A, FLAC, Ogg; no cover, a
+#      600x600 JPEG cover, a 3000x3000 PNG cover);
+#   2. seek: seekStream to 50 % of a 10-minute file while playing, to the first write of audio
+#      from there (plain MP3, M4A, FLAC; the MP3 as a deflated and a stored zip member);
+#   3. track change: the silence the card gets between the files of a three-file book;
+#   4. battery: CPU seconds, wake-ups (voluntary context switches) and peak RSS over 3 minutes
+#      of real-time playback;
+#   5. instructions: callgrind instruction counts on 30 s files (deterministic on a busy machine).
+#
+#   bench/listen.sh <build-dir>      BENCH_QUICK=1: fewer runs and 30 s of battery playback;
+#                                    BENCH_TABLES="1 3": only those tables
+#
+# Needs the build's test folder configured (AE_BUILD_TESTS, for the card) and valgrind.
+set -euo pipefail
+
+build=${1:?usage: listen.sh <build-dir>}
+here=$(cd "$(dirname "$0")" && pwd)
+build=$(cd "$build" && pwd)
+media=$build/bench/listen_media
+FFMPEG=${FFMPEG:-ffmpeg}
+quick=${BENCH_QUICK:-0}
+if [ "$quick" = 1 ]; then
+    start_runs=5 tool_runs=3 seek_runs=2 change_runs=1 battery_s=30
+else
+    start_runs=20 tool_runs=10 seek_runs=5 change_runs=3 battery_s=180
+fi
+
+cmake --build "$build" -j2 --target listen_bench vcard_dump engine_bench >/dev/null
+lb=$build/bench/listen_bench
+export VCARD_PRELOAD=$build/bench/libvcard_dump.so
+card_conf=$build/tests/vcard/asound.conf
+null_conf=$here/asound.conf
+log=$build/bench/listen.log # the library's traces on standard error
+: >"$log"
+
+# --- Media -------------------------------------------------------------------------------------
+mkdir -p "$media"
+ff() { "$FFMPEG" -nostdin -y -loglevel error "$@"; }
+tone_noise() { # tone_noise <seconds> <rate>: the lavfi inputs of a tone over pink noise
+    echo "-f lavfi -i sine=frequency=440:sample_rate=$2:duration=$1"
+    echo "-f lavfi -i anoisesrc=color=pink:amplitude=0.2:sample_rate=$2:duration=$1"
+}
+MIX="[0:a][1:a]amix=inputs=2:normalize=0,pan=stereo|c0=c0|c1=c0"
+declare -A CODEC=([mp3]="-c:a libmp3lame -b:a 128k -f mp3" [m4a]="-c:a aac -b:a 128k -f ipod"
+                  [flac]="-c:a flac -f flac" [ogg]="-c:a libvorbis -q:a 4 -f ogg")
+gen() { # gen <file> <ffmpeg arguments...>: once, atomically
+    local file=$media/$1
+    shift
+    [ -e "$file" ] && return 0
+    ff "$@" "$media/.tmp.${file##*/}" && mv "$media/.tmp.${file##*/}" "$file"
+}
+be32() {
+    printf "\\x$(printf %02x $(($1 >> 24 & 255)))\\x$(printf %02x $(($1 >> 16 & 255)))"
+    printf "\\x$(printf %02x $(($1 >> 8 & 255)))\\x$(printf %02x $(($1 & 255)))"
+}
+# The Ogg muxer takes no picture stream: the cover goes into a METADATA_BLOCK_PICTURE comment.
+ogg_cover() { # ogg_cover <in.ogg> <picture> <mime> <side> <out>
+    local meta=$media/.meta.txt side=$4
+    {
+        printf ';FFMETADATA1\nMETADATA_BLOCK_PICTURE='
+        { be32 3; be32 ${#3}; printf %s "$3"; be32 0; be32 "$side"; be32 "$side"; be32 24
+          be32 0; be32 "$(stat -c %s "$2")"; cat "$2"; } | base64 -w0 | sed 's/=/\\=/g'
+        echo
+    } >"$meta"
+    gen "$5" -i "$1" -f ffmetadata -i "$meta" -map 0:a -map_metadata:s:a:0 1:g -c copy -f ogg
+    rm -f "$meta"
+}
+
+gen cover600.jpg -f lavfi -i "testsrc2=s=600x600,noise=alls=20:allf=t" -frames:v 1 -q:v 3 \
+    -f image2
+gen cover3000.png -f lavfi -i "testsrc2=s=3000x3000,noise=alls=8:allf=t" -frames:v 1 -f image2
+for ext in mp3 m4a flac ogg; do
+    # 30 s for start and instructions; 10 minutes whose audio stops at 295 s for seek (the
+    # silence tells post-seek audio apart) and battery (3 minutes from the start).
+    # shellcheck disable=SC2046,SC2086
+    gen clip.$ext $(tone_noise 30 44100) -filter_complex "$MIX" ${CODEC[$ext]}
+    # shellcheck disable=SC2046,SC2086
+    gen long.$ext $(tone_noise 295 44100) -filter_complex "$MIX,apad=whole_dur=600" \
+        ${CODEC[$ext]}
+    for c in 600.jpg 3000.png; do
+        if [ "$ext" = ogg ]; then
+            ogg_cover "$media/clip.ogg" "$media/cover$c" "image/${c#*.}" "${c%.*}" "clip_$c.ogg"
+            continue
+        fi
+        mux=(-f "${CODEC[$ext]##*-f }")
+        [ "$ext" = mp3 ] && mux+=(-id3v2_version 3)
+        gen "clip_$c.$ext" -i "$media/clip.$ext" -i "$media/cover$c" -map 0:a -map 1:v -c copy \
+            -disposition:v:0 attached_pic "${mux[@]}"
+    done
+done
+[ -e "$media/deflated.zip" ] || (cd "$media" && zip -q -X -9 .tmp.d.zip long.mp3 &&
+    mv .tmp.d.zip deflated.zip)
+[ -e "$media/stored.zip" ] || (cd "$media" && zip -q -X -0 .tmp.s.zip long.mp3 &&
+    mv .tmp.s.zip stored.zip)
+# A book of three 10 s chapters; the third is at 48 kHz.
+for ch in 1:44100 2:44100 3:48000; do
+    # shellcheck disable=SC2046,SC2086
+    gen "chapter${ch%%:*}.mp3" $(tone_noise 10 "${ch#*:}") -filter_complex "$MIX" ${CODEC[mp3]}
+done
+
+chain() { # chain <stream rate>: the engine's graph at tempo 1.0
+    echo "atempo=tempo=1.0,atempo=tempo=1.0,asetrate=$1,aformat=sample_fmts=s16:sample_rates=44100:channel_layouts=0x3"
+}
+rate_of() { ffprobe -v error -select_streams a:0 -show_entries stream=sample_rate -of csv=p=0 "$1"; }
+tool() { # tool <input options and file...>: the ffmpeg tool playing on the card
+    echo "$FFMPEG -nostdin -loglevel error $* -map 0:a -af $(chain 44100) -f alsa mpd_sm"
+}
+want() { [[ " ${BENCH_TABLES:-1 2 3 4 5} " == *" $1 "* ]]; }
+val() { sed -n "s/.*$1=\([^ ]*\).*/\1/p"; } # val <key>: a key=value of one line
+load() { cut -d' ' -f1-3 /proc/loadavg; }
+
+export ALSA_CONFIG_PATH=$card_conf
+echo "# Listening benchmarks ($(nproc) CPUs; load average $(load) at the start)"
+echo
+
+# --- 1. Start ----------------------------------------------------------------------------------
+if want 1; then
+    echo "## 1. Start: PlayTrack(i, 0, false) to the first frame at the card, ms (load $(load))"
+    echo
+    echo "Engine: median and worst of $start_runs. Tool: the ffmpeg tool from its launch to its first"
+    echo "write, median and worst of $tool_runs (it reads no cover)."
+    echo
+    echo "| file | cover | engine median | engine worst | tool median | tool worst |"
+    echo "|---|---|---:|---:|---:|---:|"
+    for ext in mp3 m4a flac ogg; do
+        for c in none 600.jpg 3000.png; do
+            f=$media/clip.$ext
+            [ "$c" != none ] && f=$media/clip_$c.$ext
+            e=$("$lb" start "$start_runs" "$f" 2>>"$log")
+            # shellcheck disable=SC2046
+            t=$("$lb" tool-start "$tool_runs" $(tool -i "$f" -t 0.3))
+            echo "| $ext | $c | $(val median_ms <<<"$e") | $(val worst_ms <<<"$e") |" \
+                "$(val median_ms <<<"$t") | $(val worst_ms <<<"$t") |"
+        done
+    done
+    echo
+fi
+
+# --- 2. Seek -----------------------------------------------------------------------------------
+if want 2; then
+    echo "## 2. Seek to 300 s of 600 while playing, to the first post-seek frame at the card, ms (load $(load))"
+    echo
+    echo "Engine: seekStream(300000) 1.5 s into playback, median and worst of $seek_runs. Tool: the"
+    echo "nearest it does, a launch with -ss 300 to its first write (no zip input)."
+    echo
+    echo "| file | engine median | engine worst | tool -ss median | tool -ss worst |"
+    echo "|---|---:|---:|---:|---:|"
+    for f in long.mp3 long.m4a long.flac deflated.zip stored.zip; do
+        path=$media/$f
+        [ "${f##*.}" = zip ] && path="$media/$f:#zip(long.mp3)"
+        e=$("$lb" seek "$seek_runs" 300 "$path" 2>>"$log")
+        t="median_ms=n/a worst_ms=n/a"
+        # shellcheck disable=SC2046
+        [ "${f##*.}" != zip ] && t=$("$lb" tool-start "$tool_runs" $(tool -ss 300 -i "$path" -t 0.3))
+        echo "| $f | $(val median_ms <<<"$e") | $(val worst_ms <<<"$e") | $(val median_ms <<<"$t") |" \
+            "$(val worst_ms <<<"$t") |"
+    done
+    echo
+fi
+
+# --- 3. Track change ---------------------------------------------------------------------------
+if want 3; then
+    echo "## 3. Track change: silence at the card between chapters of a three-file book, ms (load $(load))"
+    echo
+    echo "Player in Sequential mode, HandlePlayerStateChanged on the application's thread; median and"
+    echo "worst of $change_runs books. Tool: the ffmpeg tool playing the three files with its concat"
+    echo "demuxer (one process, no reopening), total silence after its first write."
+    echo
+    echo "| change | engine median | engine worst | device opens per book |"
+    echo "|---|---:|---:|---:|"
+    "$lb" change "$change_runs" 0 "$media/chapter1.mp3" "$media/chapter2.mp3" "$media/chapter3.mp3" \
+        2>>"$log" |
+        while read -r _ k from _ to rest; do
+            echo "| $k: $from -> $to | $(val silence_ms <<<"$rest") | $(val worst_ms <<<"$rest") |" \
+                "$(val opens <<<"$rest") |"
+        done
+    # Control: the application starts the next chapter 800 ms late, which the card must show.
+    "$lb" change 1 800 "$media/chapter1.mp3" "$media/chapter2.mp3" 2>>"$log" | head -1 |
+        while read -r _ _ _ _ _ rest; do
+            echo "| control: 1 -> 2 started 800 ms late | $(val silence_ms <<<"$rest") |" \
+                "$(val worst_ms <<<"$rest") | $(val opens <<<"$rest") |"
+        done
+    list=$media/.concat.txt
+    printf "file '%s'\n" "$media/chapter1.mp3" "$media/chapter2.mp3" "$media/chapter3.mp3" >"$list"
+    t=$("$lb" tool-change "$FFMPEG" -nostdin -loglevel error -f concat -safe 0 -i "$list" -map 0:a \
+        -af "atempo=tempo=1.0,atempo=tempo=1.0,aformat=sample_fmts=s16:sample_rates=44100:channel_layouts=0x3" \
+        -f alsa mpd_sm)
+    echo "| tool, whole book | $(val silence_ms <<<"$t") | $(val worst_ms <<<"$t") | 1 |"
+    echo
+fi
+
+# --- 4. Battery --------------------------------------------------------------------------------
+if want 4; then
+    echo "## 4. Battery: $battery_s s of real-time playback, per hour of audio (load $(load))"
+    echo
+    echo "All nine programs run at once (they are paced by the card and mostly sleep). CPU: user +"
+    echo "system seconds of the whole process; wake-ups: voluntary context switches (/usr/bin/time)."
+    echo "The last row is the engine held paused for the same time: the cost of its 10 ms polling."
+    echo
+    echo "| file | engine CPU s/h | tool CPU s/h | CPU ratio | engine wake-ups/h | tool wake-ups/h | engine peak RSS MB | tool peak RSS MB |"
+    echo "|---|---:|---:|---:|---:|---:|---:|---:|"
+    out=$(mktemp -d)
+    for ext in mp3 m4a flac ogg; do
+        /usr/bin/time -o "$out/e.$ext" -f '%U %S %w %M' "$lb" play "$battery_s" "$media/long.$ext" \
+            2>>"$log" &
+        # shellcheck disable=SC2046
+        VCARD_SPEED=1 /usr/bin/time -o "$out/t.$ext" -f '%U %S %w %M' $(tool -i "$media/long.$ext" \
+            -t "$battery_s") >/dev/null 2>&1 &
+    done
+    # The engine held paused: its play thread polls every 10 ms and does nothing else.
+    /usr/bin/time -o "$out/p" -f '%U %S %w %M' "$lb" play "$battery_s" "$media/long.mp3" paused \
+        2>>"$log" &
+    wait
+    for ext in mp3 m4a flac ogg; do
+        read -r eu es ew em <"$out/e.$ext"
+        read -r tu ts tw tm <"$out/t.$ext"
+        awk -v f="long.$ext" -v s="$battery_s" -v eu="$eu" -v es="$es" -v ew="$ew" -v em="$em" \
+            -v tu="$tu" -v ts="$ts" -v tw="$tw" -v tm="$tm" 'BEGIN {
+            h = s / 3600; ec = eu + es; tc = tu + ts
+            printf "| %s | %.1f | %.1f | %.2f | %d | %d | %.1f | %.1f |\n", f, ec / h, tc / h,
+                (tc > 0 ? ec / tc : 0), ew / h, tw / h, em / 1024, tm / 1024 }'
+    done
+    read -r pu ps pw pm <"$out/p"
+    awk -v s="$battery_s" -v pu="$pu" -v ps="$ps" -v pw="$pw" -v pm="$pm" 'BEGIN {
+        h = s / 3600
+        printf "| long.mp3, engine paused | %.1f | | | %d | | %.1f | |\n", (pu + ps) / h, pw / h,
+            pm / 1024 }'
+    rm -rf "$out"
+    echo
+fi
+
+# --- 5. Instructions ---------------------------------------------------------------------------
+if want 5; then
+    echo "## 5. Instructions: callgrind, 30 s files into the null PCM (load $(load))"
+    echo
+    echo "Engine: engine_bench (whole process: both threads, start-up included). Tool: the ffmpeg"
+    echo "tool with one decoder and one filter thread. Millions of instructions (Ir)."
+    echo
+    echo "| file | engine Mi | tool Mi | ratio |"
+    echo "|---|---:|---:|---:|"
+    export ALSA_CONFIG_PATH=$null_conf
+    ir() { # ir <command...>: instructions of the whole run
+        valgrind --tool=callgrind --callgrind-out-file=/dev/null "$@" 2>&1 >/dev/null |
+            sed -n 's/.*Collected : *\([0-9]*\).*/\1/p'
+    }
+    for ext in mp3 m4a flac ogg; do
+        f=$media/clip.$ext
+        e=$(ir "$build/bench/engine_bench" "$f" 2>>"$log")
+        t=$(ir "$FFMPEG" -nostdin -loglevel error -threads 1 -filter_threads 1 -i "$f" \
+            -af "$(chain "$(rate_of "$f")")" -f alsa null)
+        awk -v f="clip.$ext" -v e="$e" -v t="$t" \
+            'BEGIN { printf "| %s | %.1f | %.1f | %.3f |\n", f, e / 1e6, t / 1e6, e / t }'
+    done
+    echo
+fi
+echo "Load average at the end: $(load)"
