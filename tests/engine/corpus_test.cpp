@@ -186,11 +186,12 @@ TEST(EngineCorpusTest, PlaysEveryShapeWholeAsTheToolDoes) {
             }
             if (s != 0 || shape.durationS < 2)
                 continue;
-            // From the middle: what is left of the whole, and at most the slack more.
+            // From the middle: what is left of the whole, give or take a block of the container
+            // (Matroska lands 11 ms past the target) and at most the slack more.
             const int middleS = shape.durationS / 2;
             const long rest = play(shape, kSettings[0], middleS * 1000, &trace).size() / 2;
             const long left = static_cast<long>(got.size() / 2) - middleS * kRate;
-            EXPECT_GE(rest, left);
+            EXPECT_GE(rest, left - kRate / 50);
             EXPECT_LE(rest, left + shape.seekSlackMs * kRate / 1000);
         }
     }
