@@ -135,10 +135,7 @@ public:
 
     // The cover picture of the open media, or null. Owned by the engine: valid until the media
     // is closed (also by the play thread when decoding fails: the state becomes Finished and
-    // isFileOpened() false), another one is opened or the engine is destroyed. A picture
-    // attached to the file is decoded by the first call after the open, on the calling thread
-    // (a large picture takes a while: a 3000 x 3000 PNG about 0.2 s on a desktop processor),
-    // so the open does not hold back the first audio; later calls return at once.
+    // isFileOpened() false), another one is opened or the engine is destroyed.
     virtual qz_bitmap *getCover() = 0;
 
     // Stops a play thread that still runs, then releases everything the engine holds. That
