@@ -30,7 +30,6 @@
 
 extern "C" {
 struct AVCodecContext;
-struct AVCodecParameters;
 struct AVFilterContext;
 struct AVFilterGraph;
 struct AVFormatContext;
@@ -137,14 +136,9 @@ public:
     // --- Media information (media_info.cpp, cover_art.cpp) -------------------------------------
     // Replaces metadata and chapters with what the open demuxer reports.
     void captureMetadata();
-    // Keeps an attached picture for getCover() to decode; a picture stream of another kind is
-    // decoded into `cover` at once, and the demuxer rewound.
+    // Decodes the attached picture (if any) into `cover` and rewinds the demuxer.
     void read_cover();
     void read_video_frame();
-    bool openCoverDecoder(const AVCodecParameters *parameters);
-    bool decodeCoverPacket(const AVPacket *packet, AVFrame *frame);
-    void convertCover(const AVFrame *frame, const AVCodecParameters *parameters);
-    void decodeAttachedPicture(); // coverMutex held
 
 private:
     // Builds the graph for the source format below (see init_filter_graph).
@@ -240,8 +234,7 @@ public:
     std::map<std::string, std::string> metadata;
     std::vector<Chapter> chapters;
     int coverStreamIndex;
-    // Written by the opening sequence, by getCover() and by cleanup(), which a failing play
-    // thread also runs.
+    // Written by the opening sequence and by cleanup(), which a failing play thread also runs.
     std::atomic<qz_bitmap *> cover;
     AVIOContext *streamIoCtx;      // custom I/O over `stream`, owned
     unsigned char *streamIoBuffer; // its first 4096-byte buffer (FFmpeg may replace it)
@@ -257,13 +250,6 @@ private:
     // application's thread while a failing play thread may be releasing the media.
     std::atomic<bool> mediaOpen;
     std::atomic<bool> decoderOpen;
-    // The attached picture that getCover() decodes on its first call, and its stream's
-    // parameters (copies: the demuxer may be in use then). coverMutex guards both, the picture
-    // decoder and the cover's release, so that a play thread that fails and releases the media
-    // waits for a decoding getCover().
-    std::mutex coverMutex;
-    AVPacket *coverPacket = nullptr;
-    AVCodecParameters *coverParams = nullptr;
 };
 
 #endif

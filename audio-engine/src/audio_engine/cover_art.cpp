@@ -1,9 +1,6 @@
-// AudioEngine: the cover picture of the open media. The picture is decoded once, converted to
-// the display's pixel layout (RGB24 on a colour display, GRAY8 on a grey one) and kept as a
-// device bitmap until the media is released. An attached picture, which the demuxer already
-// holds in memory, is decoded when the application first asks for it: a large cover (a 3000 x
-// 3000 PNG takes several hundred milliseconds) then no longer delays the first audio. A picture
-// that must be read from the demuxer is decoded while the media is opened.
+// AudioEngine: the cover picture of the open media. The attached picture is decoded once while
+// the media is opened, converted to the display's pixel layout (RGB24 on a colour display, GRAY8
+// on a grey one) and kept as a device bitmap until the media is released.
 #include "AudioEngine.h"
 
 #include "engine_log.h"
@@ -86,9 +83,6 @@ qz_bitmap *convertPicture(const AVFrame *frame, int w, int h, AVPixelFormat sour
 } // namespace
 
 qz_bitmap *AudioEngine::getCover() {
-    std::lock_guard<std::mutex> lock(coverMutex);
-    if (coverPacket)
-        decodeAttachedPicture();
     return cover.load();
 }
 
@@ -99,18 +93,16 @@ void AudioEngine::read_cover() {
     if (index < 0)
         return;
     coverStreamIndex = index;
-    const AVStream *picture = formatCtx->streams[index];
-    if ((picture->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0 &&
-        picture->attached_pic.size > 0) {
-        // Kept for getCover(), which may run while the play thread uses the demuxer: a
-        // reference to the packet and a copy of the parameters, nothing of the demuxer's.
-        std::lock_guard<std::mutex> lock(coverMutex);
-        coverParams = avcodec_parameters_alloc();
-        if (coverParams && avcodec_parameters_copy(coverParams, picture->codecpar) >= 0)
-            coverPacket = av_packet_clone(&picture->attached_pic);
+    const AVCodecParameters *parameters = formatCtx->streams[index]->codecpar;
+    const AVCodec *codec = avcodec_find_decoder(parameters->codec_id);
+    if (!codec)
         return;
-    }
-    if (!openCoverDecoder(picture->codecpar))
+    coverDecoderCtx = avcodec_alloc_context3(codec);
+    if (!coverDecoderCtx)
+        return;
+    if (avcodec_parameters_to_context(coverDecoderCtx, parameters) < 0)
+        return;
+    if (avcodec_open2(coverDecoderCtx, codec, nullptr) != 0)
         return;
 
     read_video_frame();
@@ -120,64 +112,6 @@ void AudioEngine::read_cover() {
     // encoder delay of AAC in MP4), and the decoder would start on a later packet.
     if (avformat_seek_file(formatCtx, audioStreamIndex, INT64_MIN, INT64_MIN, INT64_MIN, 0) < 0)
         av_seek_frame(formatCtx, -1, 0, 0);
-}
-
-bool AudioEngine::openCoverDecoder(const AVCodecParameters *parameters) {
-    const AVCodec *codec = avcodec_find_decoder(parameters->codec_id);
-    if (!codec)
-        return false;
-    coverDecoderCtx = avcodec_alloc_context3(codec);
-    if (!coverDecoderCtx)
-        return false;
-    if (avcodec_parameters_to_context(coverDecoderCtx, parameters) < 0)
-        return false;
-    return avcodec_open2(coverDecoderCtx, codec, nullptr) == 0;
-}
-
-// Sends one packet of the picture stream and takes a frame: true with a frame in `frame`, false
-// when the decoder needs more input. Failures raise FfmpegError.
-bool AudioEngine::decodeCoverPacket(const AVPacket *packet, AVFrame *frame) {
-    const int sent = avcodec_send_packet(coverDecoderCtx, packet);
-    if (sent < 0 && sent != AVERROR(EAGAIN))
-        throw FfmpegError("Failed to avcodec_send_packet");
-    const int received = avcodec_receive_frame(coverDecoderCtx, frame);
-    if (received == AVERROR(EAGAIN)) {
-        if (sent == AVERROR(EAGAIN))
-            throw FfmpegError("Can't require more input and more output simultaneously!!!");
-        return false;
-    }
-    if (received < 0)
-        throw FfmpegError("Failed to avcodec_receive_frame");
-    return true;
-}
-
-// The picture's size is the stream's; the pixel layout is read as the decoder delivered it (the
-// stream's own, unless the decoder chose another one).
-void AudioEngine::convertCover(const AVFrame *frame, const AVCodecParameters *parameters) {
-    const AVPixelFormat source = static_cast<AVPixelFormat>(frame->format);
-    cover = convertPicture(frame, parameters->width, parameters->height, source,
-                           device_display_colormask() != 0);
-}
-
-// Decodes the attached picture kept by read_cover(); coverMutex held. Failures are logged and
-// give no cover, as at the open.
-void AudioEngine::decodeAttachedPicture() {
-    AVPacket *packet = coverPacket;
-    coverPacket = nullptr;
-    AVFrame *frame = nullptr;
-    try {
-        if (openCoverDecoder(coverParams)) {
-            frame = av_frame_alloc();
-            if (!frame)
-                throw FfmpegError("Failed to av_frame_alloc");
-            if (decodeCoverPacket(packet, frame))
-                convertCover(frame, coverParams);
-        }
-    } catch (const std::exception &e) {
-        AE_LOG(2, "%s", e.what());
-    }
-    av_frame_free(&frame);
-    av_packet_free(&packet);
 }
 
 // Reads packets up to the first decoded frame of the picture stream and converts it. Failures
@@ -198,12 +132,33 @@ void AudioEngine::read_video_frame() {
 
         bool decoded = false;
         while (!decoded && av_read_frame(formatCtx, packet) >= 0) {
-            if (packet->stream_index == coverStreamIndex)
-                decoded = decodeCoverPacket(packet, frame);
-            av_packet_unref(packet);
+            if (packet->stream_index != coverStreamIndex) {
+                av_packet_unref(packet);
+                continue;
+            }
+            const int sent = avcodec_send_packet(coverDecoderCtx, packet);
+            if (sent < 0 && sent != AVERROR(EAGAIN))
+                throw FfmpegError("Failed to avcodec_send_packet");
+            const int received = avcodec_receive_frame(coverDecoderCtx, frame);
+            if (received == AVERROR(EAGAIN)) {
+                if (sent == AVERROR(EAGAIN))
+                    throw FfmpegError("Can't require more input and more output simultaneously!!!");
+                av_packet_unref(packet);
+                continue;
+            }
+            if (received < 0)
+                throw FfmpegError("Failed to avcodec_receive_frame");
+            decoded = true;
         }
-        if (decoded)
-            convertCover(frame, formatCtx->streams[coverStreamIndex]->codecpar);
+
+        if (decoded) {
+            const AVCodecParameters *parameters = formatCtx->streams[coverStreamIndex]->codecpar;
+            // The size is the stream's; the pixel layout is read as the decoder delivered it
+            // (the stream's own, unless the decoder chose another one).
+            const AVPixelFormat source = static_cast<AVPixelFormat>(frame->format);
+            cover = convertPicture(frame, parameters->width, parameters->height, source,
+                                   device_display_colormask() != 0);
+        }
     } catch (const std::exception &e) {
         AE_LOG(2, "%s", e.what());
     }

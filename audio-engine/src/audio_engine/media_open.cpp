@@ -118,13 +118,10 @@ void AudioEngine::releaseMedia() {
     decoderOpen = false;
     free_filter_graph();
     avcodec_free_context(&decoderCtx);
+    avcodec_free_context(&coverDecoderCtx);
     avformat_close_input(&formatCtx);
     freeZipIo();
     mediaOpen = false;
-    std::lock_guard<std::mutex> lock(coverMutex);
-    avcodec_free_context(&coverDecoderCtx);
-    av_packet_free(&coverPacket);
-    avcodec_parameters_free(&coverParams);
     if (qz_bitmap *picture = cover.exchange(nullptr))
         free(picture);
 }
