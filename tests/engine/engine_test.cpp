@@ -2,6 +2,7 @@
 #include <cmath>
 #include <cstring>
 #include <mutex>
+#include <pthread.h>
 #include <regex>
 #include <thread>
 
@@ -91,7 +92,6 @@ protected:
         return wait_until([&] { return engine_->getState() == 3; }, 20000) &&
                wait_until([] { return vcard_is_open() == 0; }, 5000);
     }
-    // What a fresh card captured of `file`; the notifications from its start.
     std::vector<int16_t> play(const std::string &file) {
         engine_->closeFile(); // ends a finished loop before the next open
         notes_.clear();
@@ -118,12 +118,12 @@ protected:
 };
 
 // Opens that fail: nothing opened, started or notified, and the next open still works.
-TEST_F(EngineTest, FailedOpensLeaveNothingBehind) {
+TEST_F(EngineTest, FailedOpensAndStartsLeaveNothingBehind) {
     for (const char *file :
          {"no_such_file.mp3", "not_audio.mp3", "video_only_3s.mp4", "rate_7hz.wav", "rate_1ghz.wav",
           "fail:tone440_3s.mp3", "no_such_archive.zip:#zip(marked_3s.mp3)",
           "book_stored.zip:#zip(no_such_member.mp3)", "book_stored.zip:#zip(sub/)",
-          "book_stored.zip:#zip(", "book_stored.zip:#zip()", "book_corrupt.zip:#zip(marked_3s.mp3)",
+          "book_stored.zip:#zip(", "book_corrupt.zip:#zip(marked_3s.mp3)",
           "marked_3s.mp3:#zip(marked_3s.mp3)"}) {
         SCOPED_TRACE(file);
         EXPECT_EQ(open(file), -1);
@@ -134,10 +134,20 @@ TEST_F(EngineTest, FailedOpensLeaveNothingBehind) {
         ASSERT_EQ(open("book_deflated.zip:#zip(marked_3s.mp3)"), 0);
         EXPECT_EQ(open(file), -1); // over open media
     }
+    pthread_attr_t huge, old; // a play thread that cannot be made: no memory for its stack
+    pthread_getattr_default_np(&old);
+    pthread_attr_init(&huge);
+    pthread_attr_setstacksize(&huge, size_t(1) << 50);
+    ASSERT_EQ(open("marked_3s.mp3"), 0);
+    pthread_setattr_default_np(&huge);
+    EXPECT_EQ(engine_->start(), -1);
+    pthread_setattr_default_np(&old);
+    EXPECT_EQ(engine_->getState(), 0);
     EXPECT_GE(play("marked_3s.mp3").size(), size_t(4 * kRate));
 }
 
-// What reaches the card: 44100 Hz stereo of the right pitch, length and level
+// What reaches the card: 44100 Hz stereo of the right pitch, length and level, a row per
+// container, source shape and filter set-up (tempo in each of its three ranges).
 
 struct Sound {
     const char *file;
@@ -164,12 +174,11 @@ class EngineSound : public EngineTest, public ::testing::WithParamInterface<Soun
 
 TEST_P(EngineSound, ToneLengthAndLevel) {
     const Sound s = GetParam();
-    if (s.eqDb != 0) {
-        std::vector<std::pair<int, int>> bands; // ten points, all flat but 1 kHz
-        for (int hz : {31, 62, 125, 250, 500, 1000, 2000, 4000, 8000, 16000})
-            bands.push_back({hz, hz == 1000 ? -12 : 0});
+    const std::vector<std::pair<int, int>> bands = {{31, 0},   {62, 0},     {125, 0},  {250, 0},
+                                                    {500, 0},  {1000, -12}, {2000, 0}, {4000, 0},
+                                                    {8000, 0}, {16000, 0}};
+    if (s.eqDb != 0) // flat but 1 kHz
         engine_->setEqualizerSettings(bands);
-    }
     engine_->setTempo(s.tempo);
     engine_->setSampleRateMultiplier(s.rate);
     tempoAtFirstPosition_ = s.live;
@@ -203,7 +212,6 @@ TEST_P(EngineSound, ToneLengthAndLevel) {
                 std::equal(got.begin(), got.end(), known_pcm(0, got.size() / 2).begin(), near));
 }
 
-// A row per container, source shape and filter set-up (tempo in each of its three ranges).
 INSTANTIATE_TEST_SUITE_P(
     Rows, EngineSound,
     ::testing::Values(Sound{"tone440_3s.wav"}, Sound{"tone440_3s.mp3"}, Sound{"tone440_3s.m4a"},
@@ -234,10 +242,9 @@ struct Transport {
 
 class EngineTransport : public EngineTest, public ::testing::WithParamInterface<Transport> {
 protected:
-    // o open, S start, a wait for more audio, p pause, P wait until the platform is told, r
-    // resume, x stop, c close, k seek, = the position is, K seek while playing (the first new
-    // position is the target's second), w Finished, T a tempo the filters refuse at the first
-    // position, L the media closed by that, D destroy, t tempo.
+    // o open, S start, a wait for more audio, p pause, P the platform told, r resume, x stop, k
+    // seek, = the position is, K seek while playing (the first new position is the target's
+    // second), w Finished, T a tempo refused at the first position, L the media closed by that.
     bool step(char op, int n) {
         const size_t frames = vcard_captured_frames();
         int64_t seen = -1;
@@ -251,7 +258,6 @@ protected:
                : op == 'r' ? engine_->resume() == 0 && engine_->getState() == 1
                : op == 'x'
                    ? engine_->stop() == 0 && engine_->getState() == 0 && engine_->getPosition() == 0
-               : op == 'c' ? (engine_->closeFile(), true)
                : op == 'k' ? engine_->seekStream(n) == 0
                : op == '=' ? engine_->getPosition() == n
                : op == 'K'
@@ -264,7 +270,7 @@ protected:
                : op == 'L' ? !engine_->isFileOpened() && engine_->start() == -1 &&
                                  open(GetParam().file) != 0 && (engine_->setTempo(1.0), true)
                : op == 'D' ? (AudioEngine_DestroyAudioEngine(engine_), engine_ = nullptr, true)
-               : op == 't' ? (engine_->setTempo(n / 10.0), true)
+               : op == 't' ? (engine_->setTempo(n / 10.0), true) // D destroy, t tempo in tenths
                            : false;
     }
 };
@@ -295,14 +301,12 @@ INSTANTIATE_TEST_SUITE_P(
                   "^(S2 (B4 S0 )+)+$"},
         // A second pause or resume notifies nothing; the loop holds and goes on.
         Transport{k3, 2, "oSappPrrw", "ScScScPpSp", 3000, 2.75, 3.02, "^S2 .*(S3 )+S2 .*B4 S0 $"},
-        // A stop seen in pause; a start goes on from where it stopped.
+        // A stop seen in pause, a start goes on from where it stopped; one while playing stops.
         Transport{k3, 2, "oSapxSw", "ScScSpSpSpSc(ScPpSp|Pp(ScSp|SpSc))", 3000, 2.75, 3.02,
                   "B4 S0 $"},
-        // A start while playing stops first.
-        Transport{k10, 1, "oSaSaxc", "Sc(SpSp(Sp)?Sc){2}", 0, 0, 9, "B4 S0 $"},
+        Transport{k10, 1, "oSaSax", "Sc(SpSp(Sp)?Sc){2}", 0, 0, 9, "B4 S0 $"},
         Transport{k10, 2, "t20oSw", kEnd, 10000, 4.75, 5.02, "B4 S0 $"},
-        // Seeks while stopped: past the end ignored, a negative one to the start, forgotten by
-        // the next open.
+        // Seeks while stopped: past the end ignored, negative to the start, lost by an open.
         Transport{k10, 0, "ok12000=0k5999=5999Sw", kEnd, 10000, 4.9, 5.5},
         Transport{k10, 0, "ok5000k-1=5000Sw", kEnd, 10000, 9.9, 10.02},
         Transport{k10, 0, "ok5000oSw", kEnd, 10000, 9.9, 10.02},
@@ -312,8 +316,7 @@ INSTANTIATE_TEST_SUITE_P(
         Transport{k10, 1, "oSaD", ".*", -1, 0, 10}),
     rowName<Transport>);
 
-// One application thread drives every operation while the play thread runs (ThreadSanitizer
-// watches); a deadlock aborts instead of hanging.
+// Every operation while the play thread runs (ThreadSanitizer watches); a deadlock aborts.
 TEST_F(EngineTest, TransportHammeredWhilePlaying) {
     vcard_set_speed(8.0);
     ASSERT_EQ(engine_->openFile(media_path("tone440_10s.mp3")), 0);
@@ -347,9 +350,8 @@ TEST_F(EngineTest, TransportHammeredWhilePlaying) {
     EXPECT_EQ(engine_->getState(), 0);
 }
 
-// Each row opens a file (null: closes) after the rows before it. Tags and chapters go with an
-// open that reaches the stream information, the cover with the media: a bitmap of the display's
-// layout (RGB24 or grey, rows padded), its 32x24 blocks checked at their centres (JPEG blurs).
+// Rows open a file (null: close) in turn. Tags and chapters go with an open reaching the stream
+// information, the cover (a bitmap of the display's layout, rows padded) with the media.
 TEST_F(EngineTest, TagsChaptersAndCoverFollowTheOpens) {
     const struct {
         const char *file;
@@ -370,8 +372,7 @@ TEST_F(EngineTest, TagsChaptersAndCoverFollowTheOpens) {
                  {"cover_odd_3s.mp3", 0, 0, 0, 37, 23, 1, 0},
                  {"cover_odd_3s.mp3", 0, 0, 0, 37, 23, 0, 0},
                  {"av_3s.mp4", 0, 3, 0, 160, 120, 1, -1}};
-    const int blocks[5][3] = {
-        {255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {255, 255, 255}, {51, 102, 153}};
+    const int rgbs[5][3] = {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {255, 255, 255}, {51, 102, 153}};
     for (const auto &s : steps) {
         SCOPED_TRACE(s.file ? s.file : "close");
         host_set_display_color(s.colour);
@@ -392,8 +393,8 @@ TEST_F(EngineTest, TagsChaptersAndCoverFollowTheOpens) {
             for (size_t i = row; i < bm->stride; ++i) // the host's filler
                 ASSERT_EQ(bm->data[y * bm->stride + i], 0xA5) << "padding of row " << y;
         for (int y = 12; s.tolerance >= 0 && y < s.height; y += 24)
-            for (int x = 16; x < s.width; x += 32) {
-                const int *rgb = blocks[s.width == 64 ? (y >= 24 ? 2 : 0) + (x >= 32) : 4];
+            for (int x = 16; x < s.width; x += 32) { // 32x24 blocks, at their centres
+                const int *rgb = rgbs[s.width == 64 ? (y >= 24 ? 2 : 0) + (x >= 32) : 4];
                 for (int k = 0; k < depth; ++k) // grey: full-range BT.601 luma
                     EXPECT_NEAR(bm->data[y * bm->stride + x * depth + k],
                                 s.colour ? rgb[k]
@@ -420,7 +421,7 @@ TEST_F(EngineTest, TagsChaptersAndCoverFollowTheOpens) {
 TEST_F(EngineTest, ZipMemberPlaysAsThePlainFileAndSeeksToEveryByte) {
     const std::vector<int16_t> plain = play("steps_10s.mp3");
     const std::vector<uint8_t> file = read_file(media_path("steps_10s.mp3"));
-    const int64_t duration = engine_->getDurationMs(), size = int64_t(file.size());
+    const int64_t size = int64_t(file.size());
     const int forceSet = AVSEEK_FORCE | SEEK_SET, forceCur = AVSEEK_FORCE | SEEK_CUR;
     // whence, offset, where it lands (< 0: refused), bytes read there
     const std::tuple<int, int64_t, int64_t, int> ops[] = {
@@ -433,7 +434,6 @@ TEST_F(EngineTest, ZipMemberPlaysAsThePlainFileAndSeeksToEveryByte) {
         SCOPED_TRACE(archive);
         const std::string member = std::string(archive) + ":#zip(sub/steps_10s.mp3]";
         EXPECT_TRUE(play(member) == plain);
-        EXPECT_EQ(engine_->getDurationMs(), duration);
         engine_->closeFile();
         ASSERT_EQ(open(member), 0);
         auto *engine = static_cast<AudioEngine *>(engine_);
