@@ -134,15 +134,17 @@ TEST_F(EngineTest, FailedOpensAndStartsLeaveNothingBehind) {
         ASSERT_EQ(open("book_deflated.zip:#zip(marked_3s.mp3)"), 0);
         EXPECT_EQ(open(file), -1); // over open media
     }
+#ifndef AE_TEST_EMULATED      // qemu's address space may not refuse the stack below
     pthread_attr_t huge, old; // a play thread that cannot be made: no memory for its stack
     pthread_getattr_default_np(&old);
     pthread_attr_init(&huge);
-    pthread_attr_setstacksize(&huge, size_t(1) << 50);
+    pthread_attr_setstacksize(&huge, SIZE_MAX / 4 * 3);
     ASSERT_EQ(open("marked_3s.mp3"), 0);
     pthread_setattr_default_np(&huge);
     EXPECT_EQ(engine_->start(), -1);
     pthread_setattr_default_np(&old);
     EXPECT_EQ(engine_->getState(), 0);
+#endif
     EXPECT_GE(play("marked_3s.mp3").size(), size_t(4 * kRate));
 }
 
