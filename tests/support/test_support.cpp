@@ -1,6 +1,5 @@
 #include "test_support.h"
 
-#include "host_platform.h"
 #include "vcard.h"
 
 #include <gtest/gtest.h>
@@ -14,8 +13,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
-#include <sstream>
 #include <thread>
 
 namespace ae_test {
@@ -70,61 +67,6 @@ bool wait_until(const std::function<bool()> &predicate, int timeout_ms, int poll
         std::this_thread::sleep_for(std::chrono::milliseconds(poll_ms));
     }
     return true;
-}
-
-// --- Log capture: one sink for the whole process, feeding the captures alive ---------------------
-
-namespace {
-std::mutex g_log_mu;
-std::vector<LogCapture *> g_captures;
-
-void log_sink(int level, const char *file, int line, const char *function, const char *message,
-              void *) {
-    std::lock_guard<std::mutex> lock(g_log_mu);
-    for (LogCapture *capture : g_captures)
-        capture->entries_.push_back(
-            LogEntry{level, file ? file : "", line, function ? function : "", message});
-    if (g_captures.empty())
-        std::fprintf(stderr, "[L%d] %s: %s\n", level, function ? function : "", message);
-}
-} // namespace
-
-LogCapture::LogCapture() {
-    std::lock_guard<std::mutex> lock(g_log_mu);
-    g_captures.push_back(this);
-}
-
-LogCapture::~LogCapture() {
-    {
-        std::lock_guard<std::mutex> lock(g_log_mu);
-        g_captures.erase(std::find(g_captures.begin(), g_captures.end(), this));
-    }
-    if (::testing::Test::HasFailure())
-        std::fprintf(stderr, "--- log of the failed test ---\n%s", dump().c_str());
-}
-
-// Lines with `substring` (and of `level`, unless it is -1).
-static int count_of(const std::vector<LogEntry> &entries, int level, const std::string &substring) {
-    std::lock_guard<std::mutex> lock(g_log_mu);
-    return static_cast<int>(std::count_if(entries.begin(), entries.end(), [&](const LogEntry &e) {
-        return (level < 0 || e.level == level) && e.message.find(substring) != std::string::npos;
-    }));
-}
-
-int LogCapture::count(const std::string &substring) const {
-    return count_of(entries_, -1, substring);
-}
-
-bool LogCapture::contains(int level, const std::string &substring) const {
-    return count_of(entries_, level, substring) > 0;
-}
-
-std::string LogCapture::dump() const {
-    std::lock_guard<std::mutex> lock(g_log_mu);
-    std::ostringstream out;
-    for (const LogEntry &e : entries_)
-        out << "[L" << e.level << "] " << e.function << ": " << e.message << "\n";
-    return out.str();
 }
 
 // --- Standard error ----------------------------------------------------------------------------
@@ -229,15 +171,12 @@ std::vector<int16_t> known_pcm(size_t first, size_t frames) {
 
 } // namespace ae_test
 
-// --- Every test process: the test environment, the log sink, a reset card --------------------
+// --- Every test process: the test environment and a reset card --------------------
 
 namespace {
 class TestEnvironment : public ::testing::Environment {
 public:
-    void SetUp() override {
-        host_set_log_sink(ae_test::log_sink, nullptr, 0);
-        vcard_setup();
-    }
+    void SetUp() override { vcard_setup(); }
 };
 
 const bool g_registered = [] {

@@ -1,6 +1,6 @@
-// Helpers of the test binaries: generated media and scratch paths, the library's log and
-// standard error captured, analysis of captured sound, waiting with a deadline. Linking
-// ae_test_support resets the virtual sound card before the first test.
+// Helpers of the test binaries: generated media and scratch paths, standard error captured,
+// analysis of captured sound, waiting with a deadline. Linking ae_test_support resets the
+// virtual sound card before the first test.
 #pragma once
 
 #include <cstddef>
@@ -24,31 +24,6 @@ void run_with_deadline(const std::string &what, int timeout_ms, const std::funct
 
 // Polls `predicate` until it holds (true) or `timeout_ms` has passed (false).
 bool wait_until(const std::function<bool()> &predicate, int timeout_ms, int poll_ms = 2);
-
-struct LogEntry {
-    int level;
-    std::string file;
-    int line;
-    std::string function;
-    std::string message;
-};
-
-// Records the library's log lines while it lives (they reach standard error only when the test
-// fails). Thread-safe: the library logs from its own threads.
-class LogCapture {
-public:
-    LogCapture();
-    ~LogCapture();
-    LogCapture(const LogCapture &) = delete;
-    LogCapture &operator=(const LogCapture &) = delete;
-
-    int count(const std::string &substring) const;
-    bool contains(int level, const std::string &substring) const;
-    bool contains(const std::string &substring) const { return count(substring) > 0; }
-    std::string dump() const;
-
-    std::vector<LogEntry> entries_; // guarded by the capture registry's lock
-};
 
 // Standard error (file descriptor 2) redirected into a scratch file while it lives.
 class StderrCapture {
