@@ -1,9 +1,11 @@
-// The engine on the virtual card, through IAudioEngine and its zip-member I/O operations.
-#include <cmath>
+// The engine on the virtual card, through IAudioEngine and its zip-member I/O operations, and
+// the media corpus played through it.
 #include <cstring>
+#include <fstream>
 #include <mutex>
 #include <pthread.h>
 #include <regex>
+#include <sstream>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -26,10 +28,6 @@ template <class Row> std::string rowName(const ::testing::TestParamInfo<Row> &in
     for (char &c : name)
         c = isalnum(static_cast<unsigned char>(c)) ? c : '_';
     return name;
-}
-
-double heard() {
-    return double(vcard_captured_frames()) / kRate;
 }
 
 class EngineTest : public ::testing::Test {
@@ -148,91 +146,9 @@ TEST_F(EngineTest, FailedOpensAndStartsLeaveNothingBehind) {
     EXPECT_GE(play("marked_3s.mp3").size(), size_t(4 * kRate));
 }
 
-// What reaches the card: 44100 Hz stereo of the right pitch, length and level, a row per
-// container, source shape and filter set-up (tempo in each of its three ranges).
-
-struct Sound {
-    const char *file;
-    double hz = 440, minSec = 2.75, maxSec = 3.02; // tone (0: none), length heard
-    double tempo = 1, rate = 1, live = 0;          // live: a tempo set at the first position
-    double eqDb = 0, startHz = 0; // level change by a 1 kHz equaliser cut; tone of the first 0.4 s
-};
-
-// Half periods of the tone on channel 0 off by more than a quarter: audio lost or repeated.
-int discontinuities(const std::vector<int16_t> &s, double hz) {
-    const double half = kRate / hz / 2;
-    int count = 0;
-    long last = -1;
-    // A lossy encoder's end padding (the last 2048 frames) is not a clean tone.
-    for (size_t i = 1; i + 2048 < s.size() / 2; ++i)
-        if ((s[2 * (i - 1)] < 0) != (s[2 * i] < 0)) {
-            count += last >= 0 && std::fabs(long(i) - last - half) > half / 4;
-            last = long(i);
-        }
-    return count;
-}
-
-class EngineSound : public EngineTest, public ::testing::WithParamInterface<Sound> {};
-
-TEST_P(EngineSound, ToneLengthAndLevel) {
-    const Sound s = GetParam();
-    const std::vector<std::pair<int, int>> bands = {{31, 0},   {62, 0},     {125, 0},  {250, 0},
-                                                    {500, 0},  {1000, -12}, {2000, 0}, {4000, 0},
-                                                    {8000, 0}, {16000, 0}};
-    if (s.eqDb != 0) // flat but 1 kHz
-        engine_->setEqualizerSettings(bands);
-    engine_->setTempo(s.tempo);
-    engine_->setSampleRateMultiplier(s.rate);
-    tempoAtFirstPosition_ = s.live;
-    const std::vector<int16_t> got = play(s.file);
-    EXPECT_TRUE(std::regex_match(notes(), std::regex("ScPpSp|Pp(ScSp|SpSc)"))) << notes();
-    EXPECT_EQ(engine_->getPosition(), engine_->getDurationMs());
-    EXPECT_GE(heard(), s.minSec);
-    EXPECT_LE(heard(), s.maxSec);
-    EXPECT_EQ(vcard_count_events("open "), vcard_count_events("open 44100"));
-    ASSERT_GT(got.size(), size_t(kRate));
-    if (s.hz > 0) {
-        for (int ch = 0; ch < 2; ++ch)
-            EXPECT_NEAR(zero_crossing_frequency(got, 2, ch, kRate), s.hz,
-                        std::max(5.0, s.hz / 100));
-        EXPECT_GT(rms_dbfs(got, 2, 0), -40.0);
-        EXPECT_NEAR(rms_dbfs(got, 2, 0), rms_dbfs(got, 2, 1), 1.0);
-        EXPECT_LE(s.eqDb ? 0 : discontinuities(got, s.hz), s.live > 0 ? 2 : 0); // one join
-    }
-    if (s.startHz > 0) { // played from its start, the cover picture skipped
-        const std::vector<int16_t> head(got.begin(), got.begin() + 2 * (4 * kRate / 10));
-        EXPECT_NEAR(zero_crossing_frequency(head, 2, 0, kRate), s.startHz, 10.0);
-        EXPECT_NEAR(rms_dbfs(head, 2, 0), rms_dbfs(got, 2, 0), 3.0);
-    }
-    std::vector<int16_t> source; // against the steady part, after the equaliser's onset
-    for (int ch = 0; s.eqDb != 0 && ch < 2 && read_wav(media_path(s.file), &source); ++ch)
-        EXPECT_NEAR(rms_dbfs(std::vector<int16_t>(got.begin() + kRate, got.end()), 2, ch) -
-                        rms_dbfs(source, 2, ch),
-                    s.eqDb, 1.5);
-    const auto near = [](int a, int b) { return std::abs(a - b) <= 64; };
-    EXPECT_TRUE(strcmp(s.file, "known_pcm_1s.wav") != 0 || // values and channel order kept
-                std::equal(got.begin(), got.end(), known_pcm(0, got.size() / 2).begin(), near));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, EngineSound,
-    ::testing::Values(Sound{"tone440_3s.wav"}, Sound{"tone440_3s.mp3"}, Sound{"tone440_3s.m4a"},
-                      Sound{"tone440_3s.flac"}, Sound{"tone440_3s.ogg"}, Sound{"tone440_3s.opus"},
-                      Sound{"av_3s.mp4"}, Sound{"tone440_3s_mono.wav"},
-                      Sound{"tone440_3s_5.1.flac"}, Sound{"made:rate_1000hz.wav", 55, 23.75, 24.02},
-                      Sound{"stream:tone440_3s.flac"}, Sound{"tone440_corrupt.mp3", 0, 8, 10},
-                      Sound{"known_pcm_1s.wav", 0, 0.75, 1},
-                      Sound{"cover_jpeg_3s.mp3", 0, 2.75, 3, 1, 1, 0, 0, 300},
-                      Sound{"tone440_3s_8000.wav", 440, 11, 12.02, 0.25},
-                      Sound{"tone440_3s.mp3", 440, 1.25, 1.52, 2},
-                      Sound{"tone440_3s.wav", 440, 0.5, 0.77, 4},
-                      Sound{"tone440_3s.wav", 660, 1.75, 2.02, 1, 1.5},
-                      Sound{"tone440_3s.wav", 440, 1.0, 1.7, 1, 1, 2},
-                      Sound{"tone1000_3s.wav", 1000, 2.75, 3.02, 1, 1, 0, -12}),
-    rowName<Sound>);
-
-// Steps (see step()) at a card speed (times real time), and the end: notifications (regex, see
-// record()), position (-1: any), seconds heard and platform media-player states (regex).
+// Steps (see step()) at a card speed (times real time); the end: notifications (regex, record()),
+// position (-1: any), seconds heard, platform media-player states (regex), the tone on both
+// channels (0: not checked) and the level change by a 1 kHz equaliser cut.
 struct Transport {
     const char *file;
     double speed;
@@ -240,13 +156,15 @@ struct Transport {
     int position;
     double minSec, maxSec;
     const char *calls = "";
+    double hz = 0, eqDb = 0;
 };
 
 class EngineTransport : public EngineTest, public ::testing::WithParamInterface<Transport> {
 protected:
     // o open, S start, a wait for more audio, p pause, P the platform told, r resume, x stop, k
     // seek, = the position is, K seek while playing (the first new position is the target's
-    // second), w Finished, T a tempo refused at the first position, L the media closed by that.
+    // second), w Finished, T a tempo (tenths) set at the first position, L the media closed by
+    // a refused one, D destroy, t tempo and m rate multiplier (tenths), e cut 1 kHz by 12 dB.
     bool step(char op, int n) {
         const size_t frames = vcard_captured_frames();
         int64_t seen = -1;
@@ -268,12 +186,15 @@ protected:
                                     20000) &&
                          seen == n
                : op == 'w' ? finished()
-               : op == 'T' ? (tempoAtFirstPosition_ = 0.1) > 0
+               : op == 'T' ? (tempoAtFirstPosition_ = n / 10.0) > 0
                : op == 'L' ? !engine_->isFileOpened() && engine_->start() == -1 &&
                                  open(GetParam().file) != 0 && (engine_->setTempo(1.0), true)
                : op == 'D' ? (AudioEngine_DestroyAudioEngine(engine_), engine_ = nullptr, true)
-               : op == 't' ? (engine_->setTempo(n / 10.0), true) // D destroy, t tempo in tenths
-                           : false;
+               : op == 't' ? (engine_->setTempo(n / 10.0), true)
+               : op == 'm' ? (engine_->setSampleRateMultiplier(n / 10.0), true)
+               : op == 'e'
+                   ? (engine_->setEqualizerSettings({{500, 0}, {1000, -12}, {2000, 0}}), true)
+                   : false;
     }
 };
 
@@ -285,13 +206,24 @@ TEST_P(EngineTransport, Script) {
         char *end = nullptr;
         const long n = strtol(s, &end, 10);
         s = end;
-        ASSERT_TRUE(step(op, int(n))) << op << n << " " << notes() << " " << heard() << " s";
+        ASSERT_TRUE(step(op, int(n)))
+            << op << n << " " << notes() << " " << vcard_captured_frames();
     }
     EXPECT_TRUE(std::regex_match(notes(), std::regex(t.notes))) << notes();
     EXPECT_TRUE(std::regex_search(platformCalls(), std::regex(t.calls))) << platformCalls();
     EXPECT_EQ(t.position < 0 ? t.position : engine_->getPosition(), t.position);
-    EXPECT_GE(heard(), t.minSec);
-    EXPECT_LE(heard(), t.maxSec);
+    const double heard = double(vcard_captured_frames()) / kRate;
+    EXPECT_GE(heard, t.minSec);
+    EXPECT_LE(heard, t.maxSec);
+    EXPECT_EQ(vcard_count_events("open "), vcard_count_events("open 44100"));
+    const std::vector<int16_t> got = captured_samples();
+    for (int ch = 0; t.hz > 0 && ch < 2; ++ch)
+        EXPECT_NEAR(zero_crossing_frequency(got, 2, ch, kRate), t.hz, std::max(5.0, t.hz / 100));
+    std::vector<int16_t> source; // against the steady part, after the equaliser's onset
+    for (int ch = 0; t.eqDb != 0 && ch < 2 && read_wav(media_path(t.file), &source); ++ch)
+        EXPECT_NEAR(rms_dbfs(std::vector<int16_t>(got.begin() + kRate, got.end()), 2, ch) -
+                        rms_dbfs(source, 2, ch),
+                    t.eqDb, 1.5);
 }
 
 const char *kEnd = "ScPpSp|Pp(ScSp|SpSc)", *k3 = "tone440_3s.wav", *k10 = "tone440_10s.mp3";
@@ -301,8 +233,18 @@ INSTANTIATE_TEST_SUITE_P(
         // Plays to the end; a finished engine ends again at once, nothing rewinds.
         Transport{"tone440_3s.mp3", 0, "oSwSw", "(ScPpSp|Pp(ScSp|SpSc)){2}", 3000, 2.75, 3.02,
                   "^(S2 (B4 S0 )+)+$"},
-        // A second pause or resume notifies nothing; the loop holds and goes on.
-        Transport{k3, 2, "oSappPrrw", "ScScScPpSp", 3000, 2.75, 3.02, "^S2 .*(S3 )+S2 .*B4 S0 $"},
+        // A 1000 Hz source (the lowest rate taken), a caller's stream, a damaged file.
+        Transport{"made:rate_1000hz.wav", 0, "oSw", kEnd, 24000, 23.75, 24.02, "", 55},
+        Transport{"stream:tone440_3s.flac", 0, "oSw", kEnd, 3000, 2.75, 3.02, "", 440},
+        Transport{"tone440_corrupt.mp3", 0, "oSw", kEnd, -1, 8, 10},
+        // Tempo above 2 (two stages), tempo changed while playing, an equaliser cut.
+        Transport{k3, 0, "t40oSw", kEnd, 3000, 0.5, 0.77, "", 440},
+        Transport{k3, 0, "T20oSw", kEnd, 3000, 1.0, 1.7, "", 440},
+        Transport{"tone1000_3s.wav", 0, "eoSw", kEnd, 3000, 2.75, 3.02, "", 1000, -12},
+        // A second pause or resume notifies nothing; the loop holds and goes on (the rate and
+        // the equaliser set while it plays).
+        Transport{k3, 2, "oSam15em10ppPrrw", "ScScScPpSp", 3000, 2.75, 3.02,
+                  "^S2 .*(S3 )+S2 .*B4 S0 $"},
         // A stop seen in pause, a start goes on from where it stopped; one while playing stops.
         Transport{k3, 2, "oSapxSw", "ScScSpSpSpSc(ScPpSp|Pp(ScSp|SpSc))", 3000, 2.75, 3.02,
                   "B4 S0 $"},
@@ -314,43 +256,9 @@ INSTANTIATE_TEST_SUITE_P(
         Transport{k10, 0, "ok5000oSw", kEnd, 10000, 9.9, 10.02},
         Transport{k10, 2, "oSapk3000=3000rpk8000=8000rw", "ScScScScScPpSp", 10000, 0, 7.5},
         Transport{k10, 2, "oSaK8000p=8000rwk1000=10000", "ScScScPpSp", 10000, 0, 5},
-        Transport{k3, 0, "ToSw=3000L", kEnd, -1, 0, 3.02, "B4 S0 $"},
+        Transport{k3, 0, "T1oSw=3000L", kEnd, -1, 0, 3.02, "B4 S0 $"},
         Transport{k10, 1, "oSaD", ".*", -1, 0, 10}),
     rowName<Transport>);
-
-// Every operation while the play thread runs (ThreadSanitizer watches); a deadlock aborts.
-TEST_F(EngineTest, TransportHammeredWhilePlaying) {
-    vcard_set_speed(8.0);
-    ASSERT_EQ(engine_->openFile(media_path("tone440_10s.mp3")), 0);
-    ASSERT_EQ(engine_->start(), 0);
-    ASSERT_TRUE(wait_until([] { return vcard_captured_frames() > 0; }, 10000));
-    run_with_deadline("transport against the play thread", 60000, [&] {
-        const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-        for (int i = 0; std::chrono::steady_clock::now() < until; ++i) {
-            const int op = i % 10;
-            if (op == 0)
-                engine_->setTempo(i % 20 == 0 ? 1.5 : 0.75);
-            else if (op == 1)
-                engine_->setSampleRateMultiplier(i % 20 == 1 ? 1.25 : 1.0);
-            else if (op == 2)
-                engine_->setEqualizerSettings({{60, 3}, {1000, -2}, {2000 + i % 14000, 1}});
-            else if (op == 3 || op == 6)
-                engine_->seekStream(op == 6 ? -1 : (i * 7) % 9 * 1000);
-            else if (op == 4 || op == 5)
-                EXPECT_EQ(op == 4 ? engine_->pause() : engine_->resume(), 0);
-            else if (op == 7 && engine_->getState() == 3) { // played through: again
-                engine_->closeFile();
-                EXPECT_EQ(engine_->openFile(media_path("tone440_10s.mp3")), 0);
-                EXPECT_EQ(engine_->start(), 0);
-            }
-            EXPECT_EQ(engine_->getPosition() % 1000, 0);
-            EXPECT_LE(engine_->getChapters().size() + engine_->getMetadata().size(), 100u);
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
-        engine_->stop();
-    });
-    EXPECT_EQ(engine_->getState(), 0);
-}
 
 // Rows open a file (null: close) in turn. Tags and chapters go with an open reaching the stream
 // information, the cover (a bitmap of the display's layout, rows padded) with the media.
@@ -359,21 +267,19 @@ TEST_F(EngineTest, TagsChaptersAndCoverFollowTheOpens) {
         const char *file;
         int result;
         size_t tags, chapters;
-        int width, height, colour, tolerance; // of the cover (width 0: none; tolerance -1: any)
+        int width, height, colour, tolerance; // of the cover (width 0: none)
     } steps[] = {{"tags_chapters_80s.mka", 0, 5, 3, 0, 0, 1, 0},
                  {nullptr, 0, 5, 3, 0, 0, 1, 0},
                  {"not_audio.mp3", -1, 5, 3, 0, 0, 1, 0},
                  {"tags_video_only.mkv", -1, 3, 0, 0, 0, 1, 0},
                  {"cover_jpeg_3s.mp3", 0, 0, 0, 64, 48, 1, 12},
-                 {"cover_jpeg_3s.mp3", 0, 0, 0, 64, 48, 0, 12},
                  {"marked_3s.mp3", 0, 0, 0, 0, 0, 1, 0},
                  {"cover_png_3s.flac", 0, 0, 0, 64, 48, 0, 0},
                  {nullptr, 0, 0, 0, 0, 0, 1, 0},
                  {"cover_png_3s.flac", 0, 0, 0, 64, 48, 1, 0},
                  {"no_such_file.mp3", -1, 0, 0, 0, 0, 1, 0},
                  {"cover_odd_3s.mp3", 0, 0, 0, 37, 23, 1, 0},
-                 {"cover_odd_3s.mp3", 0, 0, 0, 37, 23, 0, 0},
-                 {"av_3s.mp4", 0, 3, 0, 160, 120, 1, -1}};
+                 {"cover_odd_3s.mp3", 0, 0, 0, 37, 23, 0, 0}};
     const int rgbs[5][3] = {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {255, 255, 255}, {51, 102, 153}};
     for (const auto &s : steps) {
         SCOPED_TRACE(s.file ? s.file : "close");
@@ -394,7 +300,7 @@ TEST_F(EngineTest, TagsChaptersAndCoverFollowTheOpens) {
         for (int y = 0; y < s.height; ++y)
             for (size_t i = row; i < bm->stride; ++i) // the host's filler
                 ASSERT_EQ(bm->data[y * bm->stride + i], 0xA5) << "padding of row " << y;
-        for (int y = 12; s.tolerance >= 0 && y < s.height; y += 24)
+        for (int y = 12; y < s.height; y += 24)
             for (int x = 16; x < s.width; x += 32) { // 32x24 blocks, at their centres
                 const int *rgb = rgbs[s.width == 64 ? (y >= 24 ? 2 : 0) + (x >= 32) : 4];
                 for (int k = 0; k < depth; ++k) // grey: full-range BT.601 luma
@@ -447,6 +353,166 @@ TEST_F(EngineTest, ZipMemberPlaysAsThePlainFileAndSeeksToEveryByte) {
             const int n = read ? AudioEngine::AVIOZip_read_packet(engine, bytes.data(), read) : 0;
             EXPECT_EQ(n, at == size && read ? AVERROR_EOF : read); // not 0 at the end
             EXPECT_TRUE(n <= 0 || std::equal(bytes.begin(), bytes.end(), file.begin() + at));
+        }
+    }
+}
+
+// The corpus of real-world file shapes: each plays whole, and the card gets what the ffmpeg tool
+// makes of it through the chain the engine traces, byte for byte (joined files: the length and
+// each part's tone); tags, chapters, cover, duration and a seek to the middle are checked too.
+struct Setting {
+    const char *name;
+    double tempo, multiplier;
+    std::vector<std::pair<int, int>> equalizer;
+};
+const Setting kSettings[] = {{"tempo 1.0", 1.0, 1.0, {}},
+                             {"tempo 1.5", 1.5, 1.0, {}},
+                             {"tempo 0.3", 0.3, 1.0, {}},
+                             {"rate 1.5", 1.0, 1.5, {}},
+                             {"equaliser", 1.0, 1.0, {{60, 3}, {1000, -2}}}};
+// A line of tests/media/corpus.txt, which says what each file of the corpus holds.
+struct Shape {
+    std::string file, settings;
+    bool titled = false;
+    int durationS = 0, chapters = 0, coverWidth = 0, coverHeight = 0, seekSlackMs = 0;
+    double tone1 = 0, tone2 = 0; // joined files: the tone of each part
+};
+
+std::vector<Shape> corpus() {
+    std::ifstream in(AE_CORPUS_LIST);
+    std::vector<Shape> shapes;
+    for (std::string line; std::getline(in, line);) {
+        std::istringstream fields(line);
+        Shape s;
+        if (line[0] != '#' && fields >> s.file >> s.settings >> s.titled >> s.durationS >>
+                                  s.chapters >> s.coverWidth >> s.coverHeight >> s.seekSlackMs >>
+                                  s.tone1 >> s.tone2)
+            shapes.push_back(s);
+    }
+    return shapes;
+}
+
+// The argument string the engine traced as "<label>: <args>" when it created that filter.
+std::string traced(const std::string &trace, const std::string &label) {
+    const size_t at = trace.find("\n" + label + ": ");
+    const size_t from = at + label.size() + 3;
+    return at == std::string::npos ? "" : trace.substr(from, trace.find('\n', from) - from);
+}
+
+// What the ffmpeg tool writes for `path` through `chain`, as S16 samples.
+std::vector<int16_t> toolOutput(const std::string &path, const std::string &chain) {
+    const std::string command = std::string(AE_FFMPEG) + " -nostdin -v error -i '" + path +
+                                "' -vn -sn -dn -af \"" + chain + "\" -f s16le -";
+    std::vector<int16_t> out;
+    FILE *pipe = popen(command.c_str(), "r");
+    int16_t block[4096];
+    for (size_t n; pipe && (n = fread(block, sizeof block[0], 4096, pipe)) > 0;)
+        out.insert(out.end(), block, block + n);
+    EXPECT_TRUE(pipe && pclose(pipe) == 0) << command;
+    return out;
+}
+
+// Plays `shape` (from `seekMs` when not negative) and returns what the card got; `trace` gets
+// what the engine wrote to standard error while opening.
+std::vector<int16_t> playShape(IAudioEngine *engine, const Shape &shape, const Setting &setting,
+                               int seekMs, std::string *trace) {
+    engine->closeFile();
+    vcard_setup();
+    engine->setTempo(setting.tempo);
+    engine->setSampleRateMultiplier(setting.multiplier);
+    engine->setEqualizerSettings(setting.equalizer);
+    {
+        StderrCapture err;
+        EXPECT_EQ(engine->openFile(media_path(shape.file)), 0);
+        *trace = "\n" + err.text();
+    }
+    EXPECT_EQ(engine->getDurationMs(), shape.durationS * 1000);
+    const auto tags = engine->getMetadata();
+    EXPECT_EQ(tags.count("title") ? tags.at("title") : "", shape.titled ? "Corpus" : "");
+    const auto chapters = engine->getChapters();
+    EXPECT_EQ(chapters.size(), static_cast<size_t>(shape.chapters));
+    for (int64_t i = 0; i < static_cast<int64_t>(chapters.size()); ++i) {
+        EXPECT_EQ(chapters[i].startMs, i * 1000);
+        EXPECT_EQ(chapters[i].endMs, (i + 1) * 1000);
+        EXPECT_EQ(chapters[i].metadata.at("title"), "Chapter " + std::to_string(i + 1));
+    }
+    const qz_bitmap *cover = engine->getCover();
+    EXPECT_EQ(cover ? cover->width * 10000 + cover->height : 0,
+              shape.coverWidth * 10000 + shape.coverHeight);
+    if (seekMs >= 0)
+        engine->seekStream(seekMs);
+    EXPECT_EQ(engine->start(), 0);
+    EXPECT_TRUE(wait_until([&] { return engine->getState() == 3; }, 60000));
+    // What the engine pushed has all reached the card once an empty piece pushed behind it is back.
+    for (int marker = 0; marker < 3; ++marker) {
+        abuf_piece *piece = nullptr;
+        EXPECT_TRUE(wait_until([&] { return (piece = get_output_buffer()); }, 20000));
+        if (piece && marker < 2) {
+            piece->samplerate = kRate;
+            piece->frames = 0;
+            push_output_buffer(piece);
+        }
+    }
+    return captured_samples();
+}
+
+TEST_F(EngineTest, CorpusPlaysEveryShapeWholeAsTheToolDoes) {
+    const std::vector<Shape> shapes = corpus();
+    ASSERT_EQ(shapes.size(), 29u);
+    for (const Shape &shape : shapes) {
+        for (size_t s = 0; s < sizeof kSettings / sizeof kSettings[0]; ++s) {
+            if (s > 0 && shape.settings != "all")
+                continue;
+            SCOPED_TRACE(shape.file + ", " + kSettings[s].name);
+            std::string trace;
+            const std::vector<int16_t> got = playShape(engine_, shape, kSettings[s], -1, &trace);
+            // Joined files change rate midway, and the engine's rate stage with it; the tool
+            // would keep the first rate, so it runs without that stage (a no-op at 1.0).
+            const std::string eq = traced(trace, "firequalizer");
+            const std::string chain =
+                "atempo=" + traced(trace, "atempo") + ",atempo=" + traced(trace, "atempo2") +
+                (shape.tone1 > 0 ? "" : ",asetrate=" + traced(trace, "samplerate")) +
+                (eq.empty() ? "" : ",firequalizer=" + eq) + ",aformat=" + traced(trace, "aformat");
+            const std::vector<int16_t> want = toolOutput(media_path(shape.file), chain);
+            if (shape.tone1 > 0) {
+                EXPECT_NEAR(got.size(), want.size(), want.size() / 100.0);
+                // Away from the start and the change: each part keeps its encoder delay.
+                const auto at = [&](double f) {
+                    return got.begin() + long(got.size() / 2 * f) * 2;
+                };
+                EXPECT_NEAR(zero_crossing_frequency({at(.05), at(.45)}, 2, 0, kRate), shape.tone1,
+                            5);
+                EXPECT_NEAR(zero_crossing_frequency({at(.55), at(.95)}, 2, 0, kRate), shape.tone2,
+                            5);
+            } else {
+                // How far apart the samples are, with the tool's shifted by `shift` samples.
+                const auto apart = [&](long shift) {
+                    int most = 0;
+                    for (long i = 2; i + 2 < long(std::min(got.size(), want.size())); ++i)
+                        most = std::max(most, std::abs(got[i] - want[i + shift]));
+                    return most;
+                };
+#ifndef AE_TEST_EMULATED
+                EXPECT_TRUE(got == want)
+                    << chain << ": engine " << got.size() / 2 << " frames, tool " << want.size() / 2
+                    << ", samples apart by " << apart(0);
+#else
+                // Under qemu the tool is the host's x86-64 build: FFmpeg's floating-point code
+                // rounds there a unit apart, and a tempo stage may end a frame apart.
+                EXPECT_NEAR(got.size(), want.size(), 2) << chain;
+                EXPECT_LE(std::min({apart(-2), apart(0), apart(2)}), 4) << chain;
+#endif
+            }
+            if (s != 0 || shape.durationS < 2)
+                continue;
+            // From the middle: what is left of the whole, give or take a block of the container
+            // (Matroska lands 11 ms past the target) and at most the slack more.
+            const int middleS = shape.durationS / 2;
+            const long rest =
+                playShape(engine_, shape, kSettings[0], middleS * 1000, &trace).size() / 2;
+            const long left = static_cast<long>(got.size() / 2) - middleS * kRate;
+            EXPECT_GE(rest, left - kRate / 50);
+            EXPECT_LE(rest, left + shape.seekSlackMs * kRate / 1000);
         }
     }
 }
