@@ -124,9 +124,10 @@ TEST_F(AlsaDevice, IdleDeviceClosesAndTheNextPieceReopensAtTheUsersVolume) {
     EXPECT_EQ(vcard_mixer_value(), 51);
     EXPECT_EQ(pause_alsa(1) + pause_alsa(0), 0);
     EXPECT_EQ(vcard_count_events("pause 1") + vcard_count_events("pause 0"), 2);
-    // A second without audio closes the device, dropping what is queued, and the mixer.
+    // A second without audio closes the device without draining it (a stream that ran dry
+    // meanwhile may have stopped already), and the mixer.
     ASSERT_TRUE(ae_test::wait_until([] { return is_alsa_opened() == 0; }, 5000));
-    EXPECT_EQ(vcard_count_events("drop") + 10 * vcard_count_events("drain"), 1);
+    EXPECT_EQ(vcard_count_events("drain"), 0);
     EXPECT_EQ(AlsaMixerSetVolume(10), -1);
     mp_control_set_volume(50);
     vcard_set_mixer_value(0);
