@@ -158,6 +158,9 @@ struct Transport {
     const char *calls = "";
     double hz = 0, eqDb = 0;
 };
+void PrintTo(const Transport &row, std::ostream *os) { // ctest shows the row, not its bytes
+    *os << row.file << " " << row.steps;
+}
 
 class EngineTransport : public EngineTest, public ::testing::WithParamInterface<Transport> {
 protected:
