@@ -189,6 +189,21 @@ static void arm_timer(int fd, int64_t ns) {
     timerfd_settime(fd, 0, &its, NULL);
 }
 
+/* The poll descriptor of a PCM or control handle: a timer ticking every `ns`, or -1. */
+static int new_timer(int64_t ns) {
+    int fd = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+    if (fd >= 0)
+        arm_timer(fd, ns);
+    return fd;
+}
+
+/* Consumes the ticks that woke a poller; poll_revents then says what is ready. */
+static void clear_timer(const struct pollfd *pfd, unsigned int nfds) {
+    uint64_t ticks;
+    if (nfds >= 1 && read(pfd[0].fd, &ticks, sizeof ticks) < 0)
+        ticks = 0;
+}
+
 static int pcm_hw_params(snd_pcm_ioplug_t *io, snd_pcm_hw_params_t *params) {
     struct pcm *p = io->private_data;
     unsigned int rate = 0;
@@ -259,9 +274,7 @@ static int pcm_pause(snd_pcm_ioplug_t *io, int enable) {
 static int pcm_poll_revents(snd_pcm_ioplug_t *io, struct pollfd *pfd, unsigned int nfds,
                             unsigned short *revents) {
     struct pcm *p = io->private_data;
-    uint64_t ticks;
-    if (nfds >= 1 && read(pfd[0].fd, &ticks, sizeof ticks) < 0)
-        ticks = 0;
+    clear_timer(pfd, nfds);
     pthread_mutex_lock(&card.mu);
     uint64_t pending = p->written - consumed(p, now_ns());
     *revents = p->failed ? POLLERR : pending < p->buffer ? POLLOUT : 0;
@@ -324,12 +337,11 @@ SND_PCM_PLUGIN_DEFINE_FUNC(vcard) {
     p->speed = speed;
     p->rate = 44100;
     p->boundary = 1;
-    p->timer_fd = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+    p->timer_fd = new_timer(10000000);
     if (p->timer_fd < 0) {
         free(p);
         return -errno;
     }
-    arm_timer(p->timer_fd, 10000000);
     p->io.version = SND_PCM_IOPLUG_VERSION;
     p->io.name = "Virtual sound card";
     p->io.flags = SND_PCM_IOPLUG_FLAG_BOUNDARY_WA | SND_PCM_IOPLUG_FLAG_MONOTONIC;
@@ -450,9 +462,7 @@ static int ctl_read_event(snd_ctl_ext_t *ext, snd_ctl_elem_id_t *id, unsigned in
 
 static int ctl_poll_revents(snd_ctl_ext_t *ext, struct pollfd *pfd, unsigned int nfds,
                             unsigned short *revents) {
-    uint64_t ticks;
-    if (nfds >= 1 && read(pfd[0].fd, &ticks, sizeof ticks) < 0)
-        ticks = 0;
+    clear_timer(pfd, nfds);
     *revents = ctl_changed(ext->private_data, 0) ? POLLIN : 0;
     return 0;
 }
@@ -476,12 +486,11 @@ SND_CTL_PLUGIN_DEFINE_FUNC(vcard) {
         return -ENOMEM;
     ctl_changed(c, 1);
     /* A slow tick as poll descriptor: waiters wake up and poll_revents tells what changed. */
-    int fd = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+    int fd = new_timer(20000000);
     if (fd < 0) {
         free(c);
         return -errno;
     }
-    arm_timer(fd, 20000000);
     c->ext.version = SND_CTL_EXT_VERSION;
     snprintf(c->ext.id, sizeof c->ext.id, "vcard");
     snprintf(c->ext.driver, sizeof c->ext.driver, "vcard");
