@@ -7,6 +7,7 @@ set -eu
 
 out=${1:?usage: generate_media.sh <output-dir>}
 FFMPEG=${FFMPEG:-ffmpeg}
+here=$(cd "$(dirname "$0")" && pwd)
 mkdir -p "$out"
 cd "$out"
 
@@ -215,3 +216,6 @@ if [ ! -e book_corrupt.zip ]; then
     head -c $((size * 60 / 100)) book_stored.zip >.tmp.$$.corrupt.zip
     mv .tmp.$$.corrupt.zip book_corrupt.zip
 fi
+
+# --- The corpus of real-world file shapes ------------------------------------------------------
+. "$here/generate_corpus.sh"
