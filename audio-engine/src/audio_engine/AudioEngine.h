@@ -9,6 +9,7 @@
 //   cover_art.cpp      the cover picture of the open media
 //   filter_graph.cpp   the tempo / rate / equaliser / output-format filter graph
 //   play_loop.cpp      the play thread and the transport operations
+//   extension.cpp      the handle of the listening features (AudioEngineExtension.h)
 #ifndef AUDIO_ENGINE_AUDIOENGINE_H
 #define AUDIO_ENGINE_AUDIOENGINE_H
 
@@ -40,6 +41,7 @@ struct AVStream;
 }
 
 struct abuf_piece;
+struct ae_ext;
 
 class AudioEngine final : public tavrel::utilities::IAudioEngine {
 public:
@@ -80,6 +82,11 @@ public:
     std::map<std::string, std::string> getMetadata() override;
     std::vector<Chapter> getChapters() override;
     qz_bitmap *getCover() override;
+
+    // --- Extension handle (extension.cpp) --------------------------------------------------------
+    // The handle of AudioEngineExtension.h is the engine itself.
+    ae_ext *extension();
+    static AudioEngine *fromExtension(ae_ext *ext);
 
     // --- Opening and releasing (media_open.cpp) -----------------------------------------------
     // The opening sequence for a path (io null) or a custom I/O context: 0 or -1.

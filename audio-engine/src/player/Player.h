@@ -82,6 +82,9 @@ public:
     unsigned NextRandom();
     unsigned PrevRandom();
 
+    // The embedded engine, for the extension handle (AudioEngineExtension.h).
+    AudioEngine &embeddedEngine() { return engine; }
+
 private:
     // Regenerates the random order when its length no longer matches the playlist.
     void syncRandomSequence();

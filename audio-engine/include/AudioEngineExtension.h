@@ -1,0 +1,114 @@
+// Listening features beside IAudioEngine and IPlayer: skip silence, voice levelling, a sleep
+// timer, a rewind after a long pause, and whether the cover is ready without blocking.
+//
+// The interfaces in IAudioEngine.h and IPlayer.h stay as they are, so applications built before
+// these features load the library unchanged. An application that wants them asks the engine or
+// the player for its extension handle and calls the C functions below with it. The handle lives
+// as long as the engine or player it came from; it needs no release.
+//
+// With every feature off (the default) playback is exactly as without the extension. The player
+// keeps the settings across tracks and opens, as it keeps the tempo. Like the specified
+// operations, the functions are called from the application's thread, one at a time.
+#ifndef AUDIO_ENGINE_AUDIOENGINEEXTENSION_H
+#define AUDIO_ENGINE_AUDIOENGINEEXTENSION_H
+
+#include <stdint.h>
+
+// Same definition as in alsa_device.h and IAudioEngine.h, so any of them may come first.
+#ifndef AE_EXPORT
+#if defined(AUDIO_ENGINE_BUILD)
+#define AE_EXPORT __attribute__((visibility("default")))
+#else
+#define AE_EXPORT
+#endif
+#endif
+
+namespace tavrel {
+namespace utilities {
+class IAudioEngine;
+class IPlayer;
+} // namespace utilities
+} // namespace tavrel
+
+extern "C" {
+
+// The extension of one engine or player. Opaque.
+struct ae_ext;
+
+enum ae_skip_silence {
+    AE_SKIP_SILENCE_OFF = 0,
+    AE_SKIP_SILENCE_NATURAL = 1, // gaps over about half a second become about a quarter second
+    AE_SKIP_SILENCE_STRONG = 2,  // shorter gaps too, cut shorter
+};
+
+enum ae_voice_level {
+    AE_VOICE_LEVEL_OFF = 0,
+    AE_VOICE_LEVEL_GENTLE = 1,
+    AE_VOICE_LEVEL_STRONG = 2,
+};
+
+enum ae_sleep_mode {
+    AE_SLEEP_OFF = 0,
+    AE_SLEEP_AFTER_TIME = 1,     // after a playing time, with a fade
+    AE_SLEEP_END_OF_CHAPTER = 2, // exactly at the end of the current chapter, no fade
+    AE_SLEEP_END_OF_TRACK = 3,   // at the end of the current track
+};
+
+// The extension of an engine made by AudioEngine_CreateAudioEngine, or null for any other
+// object (an application's own IAudioEngine, null).
+AE_EXPORT struct ae_ext *AudioEngine_GetExtension(tavrel::utilities::IAudioEngine *engine);
+// The extension of a player made by AudioEngine_CreatePlayer, or null.
+AE_EXPORT struct ae_ext *AudioEngine_GetPlayerExtension(tavrel::utilities::IPlayer *player);
+
+// --- Skip silence ------------------------------------------------------------------------------
+// Sets the level (enum ae_skip_silence): 0, or -1 for an unknown level or a null handle.
+// Takes effect at the next decoded frame, like a tempo change.
+AE_EXPORT int ae_ext_set_skip_silence(struct ae_ext *ext, int level);
+AE_EXPORT int ae_ext_get_skip_silence(struct ae_ext *ext);
+// Media time removed by skip silence since the media was opened, in milliseconds.
+AE_EXPORT int64_t ae_ext_silence_saved_ms(struct ae_ext *ext);
+
+// --- Voice levelling -----------------------------------------------------------------------
+// Sets the level (enum ae_voice_level): 0, or -1. Takes effect like a tempo change.
+AE_EXPORT int ae_ext_set_voice_level(struct ae_ext *ext, int level);
+AE_EXPORT int ae_ext_get_voice_level(struct ae_ext *ext);
+
+// --- Sleep timer ---------------------------------------------------------------------------
+// Called on the engine's play thread when the timer has paused playback. `mode` is the
+// ae_sleep_mode that fired. Must not call start(), stop(), closeFile() or an open.
+typedef void (*ae_sleep_fired_cb)(void *user, int mode);
+
+// Arms the timer (enum ae_sleep_mode; `ms` is the playing time for AE_SLEEP_AFTER_TIME and is
+// ignored otherwise) or, with AE_SLEEP_OFF, cancels it. 0, or -1 for a bad mode or time.
+// The timer counts playing time only.
+AE_EXPORT int ae_ext_set_sleep_timer(struct ae_ext *ext, int mode, int64_t ms);
+// The armed mode, AE_SLEEP_OFF when none.
+AE_EXPORT int ae_ext_get_sleep_mode(struct ae_ext *ext);
+// Playing time left before the timer pauses, in milliseconds; -1 when off.
+AE_EXPORT int64_t ae_ext_sleep_left_ms(struct ae_ext *ext);
+// Adds `ms` of playing time to an armed timer (a timed stop; a chapter or track stop becomes a
+// timed stop of what is left plus `ms`). During the fade it restores the level at once. 0 or -1.
+AE_EXPORT int ae_ext_extend_sleep_timer(struct ae_ext *ext, int64_t ms);
+// The fade of a timed stop, in milliseconds (default 10000, 0 for none): 0 or -1.
+AE_EXPORT int ae_ext_set_sleep_fade_ms(struct ae_ext *ext, int64_t ms);
+AE_EXPORT int64_t ae_ext_get_sleep_fade_ms(struct ae_ext *ext);
+// Replaces the notification (null: none).
+AE_EXPORT void ae_ext_set_sleep_callback(struct ae_ext *ext, ae_sleep_fired_cb cb, void *user);
+
+// --- Rewind after a long pause ------------------------------------------------------------
+// When enabled (1), a resume after a pause of more than a minute starts a little earlier. 0/-1.
+AE_EXPORT int ae_ext_set_rewind_after_pause(struct ae_ext *ext, int enabled);
+AE_EXPORT int ae_ext_get_rewind_after_pause(struct ae_ext *ext);
+// The rewind, in milliseconds, for a pause of `pausedMs`: 0 up to a minute, then growing
+// (3 s after a minute, 10 s after an hour, 20 s after a day). For applications that resume
+// across runs (a book reopened the next day).
+AE_EXPORT int64_t ae_ext_rewind_for_pause_ms(int64_t pausedMs);
+
+// --- Cover ---------------------------------------------------------------------------------
+// 1 when getCover() will answer without waiting (the picture is decoded, failed, or there is
+// none), 0 while it is still being decoded, -1 for a null handle.
+AE_EXPORT int ae_ext_cover_ready(struct ae_ext *ext);
+
+} // extern "C"
+
+#endif
