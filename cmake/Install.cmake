@@ -38,11 +38,20 @@ install(FILES ${PROJECT_BINARY_DIR}/AudioEngineConfig.cmake
 
 # The pkg-config file names the prefix the files are installed under, so it is written at
 # install time: `cmake --install build --prefix DIR` gets a file that points into DIR.
+# Its Libs name the platform libraries too, as the CMake target does: the platform headers are
+# public, and the linker needs them to resolve the library's own references to the platform.
+if(TARGET audio-engine-host)
+  set(_ae_pc_platform_libs "-laudio-engine-host")
+else()
+  list(TRANSFORM AE_DEVICE_PLATFORM_LIBS PREPEND "-l" OUTPUT_VARIABLE _ae_pc_platform_libs)
+  list(JOIN _ae_pc_platform_libs " " _ae_pc_platform_libs)
+endif()
 set(_ae_pc_in ${PROJECT_SOURCE_DIR}/cmake/audio-engine.pc.in)
 set(_ae_pc ${PROJECT_BINARY_DIR}/install/audio-engine.pc)
 install(CODE "
   set(CMAKE_INSTALL_LIBDIR \"${CMAKE_INSTALL_LIBDIR}\")
   set(CMAKE_INSTALL_INCLUDEDIR \"${CMAKE_INSTALL_INCLUDEDIR}\")
   set(PROJECT_VERSION \"${PROJECT_VERSION}\")
+  set(AE_PC_PLATFORM_LIBS \"${_ae_pc_platform_libs}\")
   configure_file(\"${_ae_pc_in}\" \"${_ae_pc}\" @ONLY)")
 install(FILES ${_ae_pc} DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
