@@ -21,11 +21,23 @@ installed_armhf=()
 
 cleanup() {
     if [ ${#installed_armhf[@]} -gt 0 ]; then
-        $sudo dpkg -r "${installed_armhf[@]}" >/dev/null || echo "consumer: could not remove ${installed_armhf[*]}" >&2
+        dpkg_locked -r "${installed_armhf[@]}" >/dev/null || echo "consumer: could not remove ${installed_armhf[*]}" >&2
     fi
     rm -rf "$work"
 }
 trap cleanup EXIT
+
+# dpkg, waiting while another dpkg or apt holds its lock (machines shared by several builds).
+dpkg_locked() {
+    local i
+    for i in $(seq 60); do
+        $sudo dpkg "$@" 2>"$work/dpkg.err" && return 0
+        grep -q "lock" "$work/dpkg.err" || break
+        sleep 5
+    done
+    cat "$work/dpkg.err" >&2
+    return 1
+}
 
 fail() {
     echo "consumer: FAILED: $*" >&2
@@ -87,7 +99,7 @@ for p in libaudio-engine1 libaudio-engine-host1 libaudio-engine-dev; do
     [ -n "$f" ] || fail "no $p armhf package in $pkgdir/armhf (./dev package makes them)"
     debs+=("$f")
 done
-$sudo dpkg -i "${debs[@]}" >/dev/null
+dpkg_locked -i "${debs[@]}" >/dev/null
 installed_armhf=(libaudio-engine-dev:armhf libaudio-engine1:armhf libaudio-engine-host1:armhf)
 
 # shellcheck disable=SC2046
