@@ -29,8 +29,8 @@ trap cleanup EXIT
 
 # dpkg, waiting while another dpkg or apt holds its lock (machines shared by several builds).
 dpkg_locked() {
-    local i
-    for i in $(seq 60); do
+    local _
+    for _ in $(seq 60); do
         $sudo dpkg "$@" 2>"$work/dpkg.err" && return 0
         grep -q "lock" "$work/dpkg.err" || break
         sleep 5
@@ -63,8 +63,9 @@ CONF
         { cat "$work/$name.log" >&2; fail "$name: the program failed"; }
     local size peak
     size=$(stat -c %s "$work/$name.wav" 2>/dev/null || echo 0)
-    [ "$size" -ge 330000 ] && [ "$size" -le 400000 ] ||
+    if [ "$size" -lt 330000 ] || [ "$size" -gt 400000 ]; then
         fail "$name: $work/$name.wav has $size bytes, not about 2 s of audio (352844)"
+    fi
     peak=$(ffmpeg -nostats -i "$work/$name.wav" -af volumedetect -f null - 2>&1 |
            sed -n 's/.*max_volume: \(-*[0-9.]*\) dB.*/\1/p')
     awk -v p="${peak:--999}" 'BEGIN { exit !(p > -30 && p < -12) }' ||
