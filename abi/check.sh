@@ -70,7 +70,7 @@ for build in "$@"; do
             "$hd" "$src/audio-engine/src/alsa_device")
 
     if [ $record = 1 ]; then
-        abidw --no-corpus-path --no-elf-needed --short-locs "${public[@]}" "$lib" >"$rec"
+        abidw --no-corpus-path --no-elf-needed "${public[@]}" "$lib" >"$rec"
         echo "abi: $rec written from $lib"
         continue
     fi
