@@ -63,11 +63,22 @@ for build in "$@"; do
         echo "abi: $lib is for a machine without a record" >&2
         exit 2
     fi
-    # Types defined outside the public headers are the library's own business: dropped.
+    # Types defined outside the public headers are the library's own business: dropped. The
+    # compiler's own include folders count as public: the C++ library's types (std::string,
+    # std::vector of Track) are part of the interface, and libabigail takes the headers of a
+    # cross compiler (/usr/arm-linux-gnueabihf/include) for private ones.
+    sysinc=$(sed -n 's/^set(CMAKE_CXX_IMPLICIT_INCLUDE_DIRECTORIES "\(.*\)")$/\1/p' \
+             "$build"/CMakeFiles/*/CMakeCXXCompiler.cmake | head -n 1 | tr ';' '\n')
+    if [ -z "$sysinc" ]; then
+        echo "abi: the compiler's include folders are not in $build/CMakeFiles" >&2
+        exit 2
+    fi
     hd=--headers-dir2 # abidiff: the headers of the build, the record has only public types
     [ $record = 1 ] && hd=--headers-dir
-    public=(--drop-private-types "$hd" "$src/audio-engine/include"
-            "$hd" "$src/audio-engine/src/alsa_device")
+    public=(--drop-private-types)
+    while read -r dir; do
+        public+=("$hd" "$dir")
+    done < <(printf '%s\n' "$src/audio-engine/include" "$src/audio-engine/src/alsa_device" "$sysinc")
 
     if [ $record = 1 ]; then
         abidw --no-corpus-path --no-elf-needed "${public[@]}" "$lib" >"$rec"
