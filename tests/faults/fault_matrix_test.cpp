@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <mutex>
+#include <ostream>
 #include <regex>
 #include <thread>
 
@@ -35,6 +36,12 @@ struct Row {
     std::pair<std::string, int> events = {}; // card events starting with a text, how many
     size_t minFrames = 0, maxFrames = kAny;  // the sound the card played
 };
+void PrintTo(const Row &row, std::ostream *os) { // ctest shows the fault and the answer
+    const char *const answer[] = {"finishes", "is refused", "finishes or fails to open"};
+    *os << row.name << ": " << answer[row.outcome];
+    if (!row.events.first.empty())
+        *os << ", card events \"" << row.events.first << "\": " << row.events.second;
+}
 
 struct FaultTest : ::testing::TestWithParam<Row> {
     // S state, E<state> error, P position (counted; noted only at the end).
