@@ -17,6 +17,11 @@
 #include "test_support.h"
 #include "vcard.h"
 
+extern "C" {
+#include <libavformat/avio.h>
+#include <libavutil/error.h>
+}
+
 namespace {
 
 using namespace ae_test;

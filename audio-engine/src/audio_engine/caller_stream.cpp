@@ -7,6 +7,7 @@
 
 extern "C" {
 #include <libavformat/avio.h>
+#include <libavutil/error.h>
 #include <libavutil/mem.h>
 }
 

@@ -11,12 +11,14 @@
 #include "engine_log.h"
 
 extern "C" {
+#include <libavcodec/codec_par.h>
 #include <libavfilter/avfilter.h>
 #include <libavfilter/buffersink.h>
 #include <libavfilter/buffersrc.h>
 #include <libavformat/avformat.h>
 #include <libavutil/channel_layout.h>
 #include <libavutil/common.h>
+#include <libavutil/error.h>
 #include <libavutil/frame.h>
 #include <libavutil/samplefmt.h>
 }

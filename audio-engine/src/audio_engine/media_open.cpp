@@ -7,7 +7,10 @@
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
+#include <libavutil/avutil.h>
 #include <libavutil/mathematics.h>
+#include <libavutil/mem.h>
+#include <libavutil/rational.h>
 }
 
 #include <cstdlib>

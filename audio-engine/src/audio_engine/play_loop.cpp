@@ -12,7 +12,11 @@ extern "C" {
 #include <libavfilter/buffersink.h>
 #include <libavfilter/buffersrc.h>
 #include <libavformat/avformat.h>
+#include <libavutil/avutil.h>
+#include <libavutil/error.h>
+#include <libavutil/frame.h>
 #include <libavutil/mathematics.h>
+#include <libavutil/rational.h>
 #include <libavutil/samplefmt.h>
 }
 
