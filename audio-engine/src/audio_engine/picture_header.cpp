@@ -12,6 +12,7 @@ extern "C" {
 }
 
 #include <cstring>
+#include <initializer_list>
 
 namespace {
 
@@ -66,8 +67,18 @@ bool readPng(const uint8_t *d, size_t size, PictureShape &shape) {
     return true;
 }
 
-// JPEG: the markers up to the first frame header (SOF0 to SOF2, 8 bits, one component or three
-// numbered 1 to 3). The sampling factors give the layout as the MJPEG decoder reduces them.
+// Whether a JPEG comment is one the MJPEG decoder acts on.
+bool decisiveComment(const uint8_t *text, size_t size) {
+    for (const char *prefix : {"AVID", "CS=", "Intel(R) JPEG Library", "Metasoft", "MULTISCOPE"}) {
+        const size_t n = strlen(prefix);
+        if (size >= n && memcmp(text, prefix, n) == 0)
+            return true;
+    }
+    return false;
+}
+
+// JPEG: the markers up to the first frame header (SOF0 to SOF2, 8 bits, three components numbered
+// 1 to 3). The sampling factors give the layout as the MJPEG decoder reduces them.
 bool readJpeg(const uint8_t *d, size_t size, PictureShape &shape) {
     if (size < 4 || d[0] != 0xFF || d[1] != 0xD8)
         return false;
@@ -86,9 +97,9 @@ bool readJpeg(const uint8_t *d, size_t size, PictureShape &shape) {
         if (length < 2 || length > size - at - 2)
             return false;
         const uint8_t *segment = d + at + 4;
-        // A comment can switch the decoder to limited range, flip or stretch the picture; an
+        // Some comments switch the decoder to limited range, flip or stretch the picture; an
         // Adobe segment can make it RGB; an AVI1 segment can make it interlaced.
-        if (marker == 0xFE || marker == 0xEE ||
+        if ((marker == 0xFE && decisiveComment(segment, length - 2)) || marker == 0xEE ||
             (marker == 0xE0 && length >= 6 && memcmp(segment, "AVI1", 4) == 0))
             return false;
         if (marker >= 0xC0 && marker <= 0xCF && marker != 0xC4 && marker != 0xC8 &&
@@ -99,32 +110,26 @@ bool readJpeg(const uint8_t *d, size_t size, PictureShape &shape) {
             const unsigned components = segment[5];
             if (w == 0 || h == 0 || length != 8 + 3 * components)
                 return false;
-            if (components == 1) {
-                shape.format = AV_PIX_FMT_GRAY8;
-            } else if (components == 3) {
-                uint32_t id = 0;
-                for (unsigned c = 0; c < 3; ++c) {
-                    const uint8_t *component = segment + 6 + 3 * c;
-                    if (component[0] != c + 1)
-                        return false;
-                    const unsigned hs = component[1] >> 4, vs = component[1] & 15;
-                    if (hs < 1 || hs > 4 || vs < 1 || vs > 4)
-                        return false;
-                    id |= (hs << 4 | vs) << (24 - 8 * c);
-                }
-                if (!(id & 0xD0D0D0D0)) // all factors even horizontally: halved
-                    id -= (id & 0xF0F0F0F0) >> 1;
-                if (!(id & 0x0D0D0D0D))
-                    id -= (id & 0x0F0F0F0F) >> 1;
-                shape.format = id == 0x11111100   ? AV_PIX_FMT_YUVJ444P
-                               : id == 0x22111100 ? AV_PIX_FMT_YUVJ420P
-                               : id == 0x21111100 ? AV_PIX_FMT_YUVJ422P
-                                                  : AV_PIX_FMT_NONE;
-                if (shape.format == AV_PIX_FMT_NONE)
-                    return false;
-            } else {
+            if (components != 3)
                 return false;
+            uint32_t id = 0; // the factors as the decoder packs them, 4 bits each
+            for (unsigned c = 0; c < 3; ++c) {
+                const uint8_t *component = segment + 6 + 3 * c;
+                const unsigned hs = component[1] >> 4, vs = component[1] & 15;
+                if (component[0] != c + 1 || hs < 1 || hs > 4 || vs < 1 || vs > 4)
+                    return false;
+                id |= (hs << 4 | vs) << (24 - 8 * c);
             }
+            if (!(id & 0xD0D0D0D0)) // every horizontal factor 2: halved
+                id -= (id & 0xF0F0F0F0) >> 1;
+            if (!(id & 0x0D0D0D0D)) // every vertical factor 2: halved
+                id -= (id & 0x0F0F0F0F) >> 1;
+            shape.format = id == 0x11111100   ? AV_PIX_FMT_YUVJ444P
+                           : id == 0x22111100 ? AV_PIX_FMT_YUVJ420P
+                           : id == 0x21111100 ? AV_PIX_FMT_YUVJ422P
+                                              : AV_PIX_FMT_NONE;
+            if (shape.format == AV_PIX_FMT_NONE)
+                return false;
             shape.width = int(w);
             shape.height = int(h);
             return true;
