@@ -49,9 +49,9 @@ TEST(PictureHeader, TellsWhatTheDecoderFinds) {
                       std::to_string(found->width) + "x" + std::to_string(found->height) + " " +
                           std::to_string(found->format));
         }
-        avformat_close_input(&format);
         // Cut inside the header: nothing is read.
         EXPECT_FALSE(readPictureShape(found->codec_id, bytes.data(), 20, shape));
+        avformat_close_input(&format);
     }
 }
 
