@@ -11,7 +11,9 @@
 #include <gtest/gtest.h>
 
 #include "AudioEngine.h"
+#include "AudioEngineExtension.h"
 #include "alsa_device.h"
+#include "cover_decoder.h"
 #include "host_platform.h"
 #include "memory_stream.h"
 #include "test_support.h"
@@ -330,6 +332,58 @@ TEST_F(EngineTest, TagsChaptersAndCoverFollowTheOpens) {
                     (c.metadata.count("title") ? c.metadata.at("title") : "") + ";";
     EXPECT_EQ(chapters, "0-1000 Opening;12000-75000 St\xC5\x99"
                         "ed;75000-80000 ;");
+}
+
+// An attached cover is decoded beside the audio: the file plays while its picture is pending,
+// getCover() waits for it, and a close, an open or the engine's end lets go of it without
+// waiting (the decoders are held here: a wait would never end). Steps: h/r hold or release the
+// decoders, c/j/n open the PNG cover, the JPEG cover, no cover, x close, p play to the card,
+// d destroy the engine and make another, g getCover; then the ready flag, the decoders still
+// running, and the cover's width for g.
+TEST_F(EngineTest, CoverIsDecodedBesideTheAudioAndNeverWaitedFor) {
+    EXPECT_EQ(ae_ext_cover_ready(nullptr), -1);
+    const struct {
+        char step;
+        int ready, running, width;
+    } steps[] = {{'h', 1, 0, 0}, {'n', 1, 0, 0},  {'c', 0, 1, 0}, {'p', 0, 1, 0},
+                 {'r', 1, 0, 0}, {'g', 1, 0, 64}, {'h', 1, 0, 0}, {'c', 0, 1, 0},
+                 {'x', 1, 1, 0}, {'g', 1, 1, 0},  {'c', 0, 2, 0}, {'j', 0, 3, 0},
+                 {'d', 1, 3, 0}, {'j', 0, 4, 0},  {'r', 1, 0, 0}, {'g', 1, 0, 64}};
+    for (const auto &s : steps) {
+        SCOPED_TRACE(std::string(1, s.step));
+        run_with_deadline(std::string("cover step ") + s.step, 20000, [&] {
+            if (s.step == 'h' || s.step == 'r')
+                holdCoverDecoders(s.step == 'h');
+            const char *file = s.step == 'c'   ? "cover_png_3s.flac"
+                               : s.step == 'j' ? "cover_jpeg_3s.mp3"
+                               : s.step == 'n' ? "marked_3s.mp3"
+                                               : nullptr;
+            if (file) {
+                ASSERT_EQ(open(file), 0);
+            }
+            if (s.step == 'x')
+                engine_->closeFile();
+            if (s.step == 'p') {
+                ASSERT_EQ(engine_->start(), 0);
+                EXPECT_TRUE(wait_until([] { return vcard_captured_frames() > 0; }, 10000));
+                engine_->stop();
+            }
+            if (s.step == 'd') {
+                AudioEngine_DestroyAudioEngine(engine_);
+                engine_ = AudioEngine_CreateAudioEngine();
+            }
+            if (s.step == 'r') { // the abandoned decoders end on their own
+                EXPECT_TRUE(wait_until([] { return coverDecodersRunning() == 0; }, 10000));
+            }
+            if (s.step == 'g') {
+                const qz_bitmap *cover = engine_->getCover();
+                EXPECT_EQ(cover ? cover->width : 0, s.width);
+            }
+        });
+        EXPECT_EQ(ae_ext_cover_ready(AudioEngine_GetExtension(engine_)), s.ready);
+        EXPECT_EQ(coverDecodersRunning(), s.running);
+    }
+    holdCoverDecoders(false);
 }
 
 // "archive:#zip(member)" sounds exactly as the file itself (any last character closes the

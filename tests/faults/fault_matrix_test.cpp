@@ -197,6 +197,14 @@ std::vector<Row> rows() {
              ASSERT_EQ(t.openStream(kAny, false), 0);
              t.engine->seekStream(8000); }, {}, 8 * kRate},
         {"StreamReleasedAfterCloseFile", Finished, releaseStream, {}, kMost},
+        // The picture's header is whole, its image data is not: no cover, the audio plays.
+        {"CoverImageDataCorrupt", Finished, [](F &t) {
+             t.openEdited("cover_png_3s.flac", false, [](Bytes &b) {
+                 auto *idat = static_cast<uint8_t *>(memmem(b.data(), b.size(), "IDAT", 4));
+                 ASSERT_NE(idat, nullptr);
+                 memset(idat + 4, 0x5a, 16); });
+             ASSERT_TRUE(t.engine->isFileOpened());
+             EXPECT_EQ(t.engine->getCover(), nullptr); }, {}, kMost},
         // The missing quarter is skipped, not played twice.
         {"ZipMemberTruncatedInArchive", FinishedOrOpenFails,
          [](F &t) { t.openEdited("steps_10s.mp3", true, cutZipMember); }, {}, 6 * kRate, 8 * kRate},

@@ -7,6 +7,8 @@
 //   zip_input.cpp      the I/O context over a zip member
 //   media_info.cpp     tags and chapters of the open media
 //   cover_art.cpp      the cover picture of the open media
+//   cover_decoder.cpp  the thread that decodes an attached cover while the audio starts
+//   picture_header.cpp a picture's size and pixel format read from its own header
 //   filter_graph.cpp   the tempo / rate / equaliser / output-format filter graph
 //   play_loop.cpp      the play thread and the transport operations
 //   extension.cpp      the handle of the listening features (AudioEngineExtension.h)
@@ -42,6 +44,7 @@ struct AVStream;
 
 struct abuf_piece;
 struct ae_ext;
+class CoverDecoder;
 
 class AudioEngine final : public tavrel::utilities::IAudioEngine {
 public:
@@ -143,9 +146,12 @@ public:
     // --- Media information (media_info.cpp, cover_art.cpp) -------------------------------------
     // Replaces metadata and chapters with what the open demuxer reports.
     void captureMetadata();
-    // Decodes the attached picture (if any) into `cover` and rewinds the demuxer.
+    // Starts decoding the attached picture (if any) for `cover`; a video stream's first frame
+    // is decoded at once, and the demuxer rewound.
     void read_cover();
     void read_video_frame();
+    // 1 when getCover() answers without waiting for a decode, else 0 (ae_ext_cover_ready).
+    int coverReady();
 
 private:
     // Builds the graph for the source format below (see init_filter_graph).
@@ -157,6 +163,8 @@ private:
     int feedGraph(AVStream *stream, AVFrame *decoded);
     // cleanup() without the log line: what the destructor releases.
     void releaseMedia();
+    // Frees the cover and lets go of its decoding, which is not waited for.
+    void releaseCover();
     // Frees the zip I/O context and its buffer (the demuxer never owns them).
     void freeZipIo();
     // Frees the caller-stream I/O context and its buffer.
@@ -241,7 +249,8 @@ public:
     std::map<std::string, std::string> metadata;
     std::vector<Chapter> chapters;
     int coverStreamIndex;
-    // Written by the opening sequence and by cleanup(), which a failing play thread also runs.
+    // Written by the opening sequence, getCover() and cleanup(), which a failing play thread
+    // also runs.
     std::atomic<qz_bitmap *> cover;
     AVIOContext *streamIoCtx;      // custom I/O over `stream`, owned
     unsigned char *streamIoBuffer; // its first 4096-byte buffer (FFmpeg may replace it)
@@ -249,6 +258,9 @@ public:
     std::shared_ptr<tavrel::QzZipManager> zip_reader;
 
 private:
+    // The decoding of an attached picture, until getCover() has made `cover` of it.
+    std::mutex coverMutex; // guards coverJob
+    std::shared_ptr<CoverDecoder> coverJob;
     std::mutex equalizerMutex; // guards equalizerSettings
     std::mutex infoMutex;      // guards metadata and chapters
     AVIOContext *zipIoCtx;     // custom I/O over the zip member, attached to formatCtx

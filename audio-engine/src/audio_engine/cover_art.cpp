@@ -1,8 +1,14 @@
-// AudioEngine: the cover picture of the open media. The attached picture is decoded once while
-// the media is opened, converted to the display's pixel layout (RGB24 on a colour display, GRAY8
-// on a grey one) and kept as a device bitmap until the media is released.
+// AudioEngine: the cover picture of the open media, converted to the display's pixel layout
+// (RGB24 on a colour display, GRAY8 on a grey one) and kept as a device bitmap until the media is
+// released.
+//
+// A picture attached to the file is decoded by a CoverDecoder while the audio starts; the first
+// getCover() waits for it and makes the bitmap. A picture that has to be read through the
+// demuxer (the first frame of a video stream) is decoded while the media opens.
 #include "AudioEngine.h"
+#include "AudioEngineExtension.h"
 
+#include "cover_decoder.h"
 #include "engine_log.h"
 #include "ffmpeg_error.h"
 
@@ -10,84 +16,47 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 #include <libavutil/avutil.h>
-#include <libavutil/error.h>
-#include <libavutil/frame.h>
-#include <libavutil/imgutils.h>
-#include <libavutil/mem.h>
-#include <libavutil/pixfmt.h>
-#include <libswscale/swscale.h>
 }
 
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
-
-namespace {
-
-// Larger pictures (and empty ones) give no cover.
-const int kMaxCoverSide = 8192;
-// Row alignment of the converted image: room for the scaler's widest vector stores.
-const int kRowAlign = 64;
-
-// Owners of what one conversion allocates, so every way out releases them.
-struct ScalerOwner {
-    SwsContext *ctx = nullptr;
-    ~ScalerOwner() { sws_freeContext(ctx); }
-};
-
-struct PackedImage {
-    uint8_t *pixels = nullptr;
-    ~PackedImage() { av_free(pixels); }
-};
-
-// Converts `frame` (w x h) into a new device bitmap: RGB24 (format 1) or GRAY8 (format 0),
-// row y at byte 8 + y * stride. Null when the picture cannot be converted; nothing is written
-// then.
-qz_bitmap *convertPicture(const AVFrame *frame, int w, int h, AVPixelFormat source, bool colour) {
-    if (w <= 0 || h <= 0 || w > kMaxCoverSide || h > kMaxCoverSide)
-        return nullptr;
-    if (frame->width != w || frame->height != h || source == AV_PIX_FMT_NONE)
-        return nullptr;
-
-    const AVPixelFormat target = colour ? AV_PIX_FMT_RGB24 : AV_PIX_FMT_GRAY8;
-    ScalerOwner scaler;
-    scaler.ctx = sws_getCachedContext(nullptr, w, h, source, w, h, target, SWS_FAST_BILINEAR,
-                                      nullptr, nullptr, nullptr);
-    if (!scaler.ctx)
-        return nullptr;
-
-    // sws_scale writes into an image of our own whose rows are padded: its vector code stores
-    // whole blocks and runs past the end of a row of exactly w pixels. The pixels of each row
-    // are then copied to the bitmap's rows, whose padding is left as the platform made it.
-    uint8_t *planes[4] = {nullptr, nullptr, nullptr, nullptr};
-    int lineSizes[4] = {0, 0, 0, 0};
-    PackedImage packed;
-    if (av_image_alloc(planes, lineSizes, w, h, target, kRowAlign) < 0)
-        return nullptr;
-    packed.pixels = planes[0];
-    if (sws_scale(scaler.ctx, frame->data, frame->linesize, 0, frame->height, planes, lineSizes) !=
-        h)
-        return nullptr;
-
-    qz_bitmap *bitmap = NewBitmapWithFormat(w, h, colour ? QZ_BITMAP_RGB24 : QZ_BITMAP_GRAY8);
-    if (!bitmap)
-        return nullptr;
-    const size_t row = static_cast<size_t>(av_image_get_linesize(target, w, 0));
-    if (bitmap->stride < row) {
-        free(bitmap);
-        return nullptr;
-    }
-    for (int y = 0; y < h; ++y)
-        memcpy(bitmap->data + static_cast<size_t>(y) * bitmap->stride,
-               planes[0] + static_cast<size_t>(y) * static_cast<size_t>(lineSizes[0]), row);
-    return bitmap;
-}
-
-} // namespace
 
 qz_bitmap *AudioEngine::getCover() {
+    std::shared_ptr<CoverDecoder> job;
+    {
+        std::lock_guard<std::mutex> lock(coverMutex);
+        job = coverJob;
+    }
+    if (job) {
+        job->wait();
+        std::lock_guard<std::mutex> lock(coverMutex);
+        if (coverJob == job) { // neither released nor replaced while we waited
+            if (job->failure())
+                AE_LOG(2, "%s", job->failure());
+            if (job->picture())
+                cover = job->picture()->toBitmap();
+            coverJob.reset();
+        }
+    }
     return cover.load();
+}
+
+int AudioEngine::coverReady() {
+    std::lock_guard<std::mutex> lock(coverMutex);
+    return !coverJob || coverJob->done() ? 1 : 0;
+}
+
+void AudioEngine::releaseCover() {
+    std::shared_ptr<CoverDecoder> job;
+    {
+        std::lock_guard<std::mutex> lock(coverMutex);
+        job.swap(coverJob);
+    }
+    if (job)
+        job->abandon(); // its thread ends on its own and releases what it holds
+    if (qz_bitmap *picture = cover.exchange(nullptr))
+        free(picture);
 }
 
 // Last step of the opening sequence. Media without a usable picture stream are left as they
@@ -97,7 +66,17 @@ void AudioEngine::read_cover() {
     if (index < 0)
         return;
     coverStreamIndex = index;
-    const AVCodecParameters *parameters = formatCtx->streams[index]->codecpar;
+    const AVStream *picture = formatCtx->streams[index];
+    if ((picture->disposition & AV_DISPOSITION_ATTACHED_PIC) && picture->attached_pic.size > 0) {
+        releaseCover();
+        auto job = CoverDecoder::start(&picture->attached_pic, picture->codecpar,
+                                       device_display_colormask() != 0);
+        std::lock_guard<std::mutex> lock(coverMutex);
+        coverJob = std::move(job);
+        return;
+    }
+
+    const AVCodecParameters *parameters = picture->codecpar;
     const AVCodec *codec = avcodec_find_decoder(parameters->codec_id);
     if (!codec)
         return;
@@ -121,8 +100,7 @@ void AudioEngine::read_cover() {
 // Reads packets up to the first decoded frame of the picture stream and converts it. Failures
 // are logged and give no cover; the end of the input before a frame gives none silently.
 void AudioEngine::read_video_frame() {
-    if (qz_bitmap *previous = cover.exchange(nullptr))
-        free(previous);
+    releaseCover();
 
     AVPacket *packet = nullptr;
     AVFrame *frame = nullptr;
@@ -159,13 +137,18 @@ void AudioEngine::read_video_frame() {
             const AVCodecParameters *parameters = formatCtx->streams[coverStreamIndex]->codecpar;
             // The size is the stream's; the pixel layout is read as the decoder delivered it
             // (the stream's own, unless the decoder chose another one).
-            const AVPixelFormat source = static_cast<AVPixelFormat>(frame->format);
-            cover = convertPicture(frame, parameters->width, parameters->height, source,
-                                   device_display_colormask() != 0);
+            PackedPicture picture;
+            if (picture.convert(frame, parameters->width, parameters->height, frame->format,
+                                device_display_colormask() != 0))
+                cover = picture.toBitmap();
         }
     } catch (const std::exception &e) {
         AE_LOG(2, "%s", e.what());
     }
     av_packet_free(&packet);
     av_frame_free(&frame);
+}
+
+extern "C" AE_EXPORT int ae_ext_cover_ready(ae_ext *ext) {
+    return ext ? AudioEngine::fromExtension(ext)->coverReady() : -1;
 }

@@ -3,6 +3,7 @@
 
 #include "engine_log.h"
 #include "ffmpeg_error.h"
+#include "picture_header.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -63,6 +64,8 @@ int AudioEngine::openFileInt(const std::string &path, AVIOContext *io) {
         }
         mediaOpen = true;
 
+        // An attached picture whose size and pixel format are known is not decoded here.
+        describeAttachedPictures(formatCtx);
         if (avformat_find_stream_info(formatCtx, nullptr) < 0)
             throw FfmpegError("Failed avformat_find_stream_info");
 
@@ -125,8 +128,7 @@ void AudioEngine::releaseMedia() {
     avformat_close_input(&formatCtx);
     freeZipIo();
     mediaOpen = false;
-    if (qz_bitmap *picture = cover.exchange(nullptr))
-        free(picture);
+    releaseCover();
 }
 
 void AudioEngine::freeZipIo() {
