@@ -194,6 +194,8 @@ private:
     int32_t mediaSerial = 0;
     int64_t mediaTimeUs(int64_t framesOut, int rate) const;
     void unpauseOutputUnlessSeeking();
+    bool carryOutSeek(AVStream *audio);
+    bool pushedThisRun = false; // this run of the loop has pushed audio
     bool graphNeedsRebuild() const;
     void holdWhilePaused();
     void notifyState();
