@@ -14,6 +14,7 @@
 #define AUDIO_ENGINE_AUDIOENGINE_H
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -220,10 +221,11 @@ public:
     // may call into the engine does. An FFmpeg seek (and the I/O callbacks it drives) runs
     // under it.
     std::mutex engineMutex;
-    bool seekRequested;     // guarded by engineMutex
-    int seekTargetMs;       // guarded by engineMutex
-    int64_t positionMs;     // guarded by engineMutex; -1 when none
-    int64_t lastPositionMs; // guarded by engineMutex; reported while Finished
+    std::condition_variable seekAsked; // with engineMutex: wakes the play loop's wait for a piece
+    bool seekRequested;                // guarded by engineMutex
+    int seekTargetMs;                  // guarded by engineMutex
+    int64_t positionMs;                // guarded by engineMutex; -1 when none
+    int64_t lastPositionMs;            // guarded by engineMutex; reported while Finished
 
     std::function<void()> trackPositionChangedCb;
     std::function<void()> stateChangedCb;

@@ -22,6 +22,7 @@ extern "C" {
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -128,6 +129,7 @@ int AudioEngine::seekStream(int ms) {
     }
     seekTargetMs = ms;
     seekRequested = true;
+    seekAsked.notify_all();
     const int s = state.load();
     if ((s == Stopped || s == Paused) && ms < durationMs)
         positionMs = ms;
@@ -519,7 +521,10 @@ int AudioEngine::sendToOutput(AVFrame *frame, bool yieldToSeek) {
                     timedOut = true;
                     break;
                 }
-                usleep(kPollUs);
+                // Polls every 10 ms; a seek asked for meanwhile ends the wait at once.
+                std::unique_lock<std::mutex> lock(engineMutex);
+                seekAsked.wait_for(lock, std::chrono::microseconds(kPollUs),
+                                   [&] { return yieldToSeek && seekRequested; });
             }
             if (yieldToSeek && seekPending())
                 return kSeekFirst;
