@@ -193,6 +193,7 @@ void AudioEngine::playLoop() {
     fillingFrames = 0;
     graphOriginPending = true;
     pushedThisRun = false;
+    alsa_output_pause(0); // a run that ended while paused may have left the output paused
 
     AVFrame *decoded = nullptr;
     AVFrame *filtered = nullptr;
@@ -304,7 +305,11 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
             if (!drainAtEndOfMedia(decoded, filtered)) {
                 announceStopInPass();
                 announceStopAtPacketEnd();
+                return;
             }
+            // Paused with the last audio held by the output: the media ends when it has been
+            // heard, after the resume.
+            holdWhilePaused();
             return;
         }
         if (packet->stream_index != audioStreamIndex) {
