@@ -71,6 +71,7 @@ int AudioEngine::start() {
         AE_LOG(2, "%s", "File is not opened");
         return -1;
     }
+    alsa_output_pause(0); // a new run never starts behind a paused output
     state = Playing;
     try {
         playThread = std::thread(&AudioEngine::playLoop, this);
@@ -193,7 +194,6 @@ void AudioEngine::playLoop() {
     fillingFrames = 0;
     graphOriginPending = true;
     pushedThisRun = false;
-    alsa_output_pause(0); // a run that ended while paused may have left the output paused
 
     AVFrame *decoded = nullptr;
     AVFrame *filtered = nullptr;
