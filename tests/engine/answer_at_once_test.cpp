@@ -117,25 +117,26 @@ TEST_F(AnswerAtOnce, NoAudioFromBeforeASkipIsHeardAfterIt) {
     }
 }
 
-// Paused at 0.3 s on a card that pauses and on one whose buffer is dropped and written again:
-// silent once pause() returns, and what is heard in the end is all of the file, once, as
-// when it plays through.
+// Paused at 0.3 s on a card that pauses and on one whose buffer is dropped and written again,
+// and for longer than the second after which the device is closed: silent once pause()
+// returns, and what is heard in the end is all of the file, once, as when it plays through.
 TEST_F(AnswerAtOnce, PauseIsSilentAndResumeLosesAndRepeatsNothing) {
     play({"marked_3s.mp3"}, -1, 0);
     ASSERT_TRUE(finished());
     const std::vector<int16_t> through = heard();
     ASSERT_GT(through.size(), size_t(2 * 2 * kRate));
     TearDown();
-    for (int canPause : {1, 0}) {
-        SCOPED_TRACE(canPause);
+    for (const auto &[canPause, pauseMs] : {std::pair{1, 100}, {0, 100}, {1, 1300}}) {
+        SCOPED_TRACE(std::to_string(canPause) + " " + std::to_string(pauseMs));
         SetUp();
         vcard_set_can_pause(canPause);
         IPlayer *p = play({"marked_3s.mp3"}, -1, 2.0);
         ASSERT_TRUE(heardAtLeast(0.3));
         p->SetState(IPlayer::Paused);
         const size_t still = vcard_heard_frames();
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        std::this_thread::sleep_for(std::chrono::milliseconds(pauseMs));
         EXPECT_EQ(vcard_heard_frames(), still) << "sound after pause() returned";
+        EXPECT_EQ(vcard_is_open(), pauseMs < 1000); // an idle output holds no device
         EXPECT_EQ(vcard_count_events("pause 1"), canPause);
         alsa_output_position at{};
         EXPECT_EQ(alsa_output_playing(&at), 0); // the media time the card stopped at

@@ -142,29 +142,45 @@ static void serve_requests(void) {
     pthread_cond_broadcast(&ring.done_cond);
 }
 
-/* Caller holds ring.buffer_mutex. Closes an open device with drop after a second without audio. */
+static int have_kept_audio(void) {
+    long frames;
+    return record_kept(&frames) != NULL;
+}
+
+/* Caller holds ring.buffer_mutex. Closes an open device with drop after a second without audio,
+ * or after a second of pause: what a paused device holds is kept, to be written again to the
+ * device that the resume opens. */
 static void close_on_timeout(void) {
     AD_LOG_AS("play_proc", 4, "close alsa on timeout");
+    if (pt.device_paused) {
+        snd_pcm_sframes_t delay = 0;
+        if (snd_pcm_delay(alsa_pcm_handle(), &delay) < 0)
+            delay = 0;
+        long kept = record_keep((long)delay);
+        if (kept < delay)
+            AD_LOG_AS("play_proc", 2, "pause lost %ld frames", (long)delay - kept);
+        pt.device_paused = 0;
+    }
     AlsaMixerDestroy();
     if (is_alsa_opened())
         close_alsa_ex(0);
-    record_reset(0);
+    if (!have_kept_audio())
+        record_reset(0);
 }
 
 /* Whether there is audio to write: kept audio, a piece being written, or one in the ring. */
 static int have_audio(void) {
-    long frames;
-    return pt.piece != NULL || record_kept(&frames) != NULL || !ring_empty();
+    return pt.piece != NULL || have_kept_audio() || !ring_empty();
 }
 
-/* Caller holds ring.buffer_mutex. Waits until there is something to do: a request, a stop, or audio
- * to write while not paused. An open device idle for a second is closed. */
+/* Caller holds ring.buffer_mutex. Waits until there is something to do: a request, a stop, or
+ * audio to write while not paused. An open device idle or paused for a second is closed. */
 static void wait_for_work(void) {
     int timed = 0;
     struct timespec deadline = {0, 0};
     while (!atomic_load(&ring.output_stopped) && ring.done_seq == ring.request_seq &&
            (pt.paused || !have_audio())) {
-        if (!pt.paused && is_alsa_opened()) {
+        if (is_alsa_opened()) {
             if (!timed) {
                 if (clock_gettime(CLOCK_REALTIME, &deadline) != 0)
                     AD_LOG_AS("play_proc", 2, "cant get time");
@@ -208,7 +224,10 @@ static int open_device(int rate) {
         snd_pcm_hw_params_current(pcm, params) == 0 && snd_pcm_hw_params_can_pause(params);
     /* Writes never block: the thread waits for room in poll(), where a request reaches it. */
     snd_pcm_nonblock(pcm, 1);
-    record_reset(rate);
+    if (have_kept_audio())
+        record_device(0, 0); /* a pause closed the device: its audio goes on from the record */
+    else
+        record_reset(rate);
     AlsaMixerInit("mpd_volume");
     AlsaMixerSetVolume(mp_control_volume());
     return 1;
@@ -323,13 +342,12 @@ void *play_proc(void *arg) {
             break;
         if (idle)
             continue;
-        if (pt.piece != NULL && pt.offset == 0 && pt.piece->samplerate != pt.rate)
+        /* Kept audio is written first, at the rate it was written at. */
+        if (pt.piece != NULL && pt.offset == 0 && pt.piece->samplerate != pt.rate &&
+            !have_kept_audio())
             change_rate(pt.piece->samplerate);
         if (!is_alsa_opened()) {
-            long kept;
-            if (record_kept(&kept) != NULL)
-                record_forget_kept(); /* the device it was for is gone */
-            if (pt.piece == NULL)
+            if (pt.piece == NULL && !have_kept_audio())
                 continue;
             if (!open_device(pt.rate)) {
                 atomic_store(&ring.output_stopped, 1);
