@@ -16,6 +16,7 @@
 #define AUDIO_ENGINE_AUDIOENGINE_H
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -140,6 +141,9 @@ public:
     int sendToOutput(AVFrame *frame, bool yieldToSeek = false);
     int pushFilledPiece();
     bool seekPending();
+    // Drops the audio queued in the output layer (pieces and device buffer) and ends a pause of
+    // the output: what a transport change that must be heard at once does (play_loop.cpp).
+    void dropQueuedAudio();
     // Platform media-player state; BanSleep(4) precedes state 0.
     void set_mp_state(int s);
 
@@ -186,6 +190,21 @@ private:
     // wake-up of the output thread, for each would cost more than the filtering.
     abuf_piece *fillingPiece = nullptr;
     int fillingFrames = 0;
+    // Media time of what leaves the graph (play thread): the graph plays at `graphSpeed` media
+    // seconds per second from `graphOriginUs`, the timestamp of the first frame fed since it was
+    // built (taken when `graphOriginPending`), and has put out `graphFramesOut` frames since.
+    // `pieceMediaUs` is the media time of the first frame in fillingPiece.
+    double graphSpeed = 1.0;
+    bool graphOriginPending = true;
+    int64_t graphOriginUs = 0;
+    int64_t graphFramesOut = 0;
+    int64_t pieceMediaUs = 0;
+    // Names the open media in the output layer's tags (alsa_output_internal.h).
+    int32_t mediaSerial = 0;
+    int64_t mediaTimeUs(int64_t framesOut, int rate) const;
+    void unpauseOutputUnlessSeeking();
+    bool carryOutSeek(AVStream *audio);
+    bool pushedThisRun = false; // this run of the loop has pushed audio
     bool graphNeedsRebuild() const;
     void holdWhilePaused();
     void notifyState();
@@ -210,10 +229,11 @@ public:
     // may call into the engine does. An FFmpeg seek (and the I/O callbacks it drives) runs
     // under it.
     std::mutex engineMutex;
-    bool seekRequested;     // guarded by engineMutex
-    int seekTargetMs;       // guarded by engineMutex
-    int64_t positionMs;     // guarded by engineMutex; -1 when none
-    int64_t lastPositionMs; // guarded by engineMutex; reported while Finished
+    std::condition_variable seekAsked; // with engineMutex: wakes the play loop's wait for a piece
+    bool seekRequested;                // guarded by engineMutex
+    int seekTargetMs;                  // guarded by engineMutex
+    int64_t positionMs;                // guarded by engineMutex; -1 when none
+    int64_t lastPositionMs;            // guarded by engineMutex; reported while Finished
 
     std::function<void()> trackPositionChangedCb;
     std::function<void()> stateChangedCb;

@@ -3,6 +3,7 @@
 #include "AudioEngine.h"
 
 #include "alsa_device.h"
+#include "alsa_output_internal.h"
 #include "engine_log.h"
 #include "ffmpeg_error.h"
 #include "mp_state.h"
@@ -25,6 +26,7 @@ extern "C" {
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -63,14 +65,17 @@ int AudioEngine::start() {
         AE_LOG(2, "%s", "start() called on the play thread");
         return -1;
     }
-    state = Stopped;
+    const bool wasPaused = state.exchange(Stopped) == Paused;
     if (playThread.joinable())
         playThread.join();
+    if (wasPaused)
+        dropQueuedAudio();
     // The loop just joined may have failed and closed the media on its way out.
     if (!decoderOpen.load()) {
         AE_LOG(2, "%s", "File is not opened");
         return -1;
     }
+    alsa_output_pause(0); // a new run never starts behind a paused output
     state = Playing;
     try {
         playThread = std::thread(&AudioEngine::playLoop, this);
@@ -84,9 +89,13 @@ int AudioEngine::start() {
 }
 
 int AudioEngine::stop() {
-    state = Stopped;
+    // Audio held by a pause is never heard after a stop; a stop while playing lets the queued
+    // audio play out.
+    const bool wasPaused = state.exchange(Stopped) == Paused;
     if (playThread.joinable() && playThread.get_id() != std::this_thread::get_id())
         playThread.join();
+    if (wasPaused)
+        dropQueuedAudio();
     notifyState();
     return 0;
 }
@@ -95,6 +104,8 @@ int AudioEngine::pause() {
     int expected = Playing;
     if (!state.compare_exchange_strong(expected, Paused))
         return 0;
+    // The card falls silent now, not when the queued audio has played out.
+    alsa_output_pause(1);
     {
         std::lock_guard<std::mutex> lock(engineMutex);
         if (seekRequested && seekTargetMs < durationMs) {
@@ -110,6 +121,7 @@ int AudioEngine::resume() {
     int expected = Paused;
     if (!state.compare_exchange_strong(expected, Playing))
         return 0;
+    unpauseOutputUnlessSeeking();
     notifyState();
     return 0;
 }
@@ -122,6 +134,7 @@ int AudioEngine::seekStream(int ms) {
     }
     seekTargetMs = ms;
     seekRequested = true;
+    seekAsked.notify_all();
     const int s = state.load();
     if ((s == Stopped || s == Paused) && ms < durationMs)
         positionMs = ms;
@@ -183,6 +196,8 @@ void AudioEngine::playLoop() {
     init_alsa_output();
     fillingPiece = nullptr; // a piece left unpushed by an earlier run is simply filled again
     fillingFrames = 0;
+    graphOriginPending = true;
+    pushedThisRun = false;
 
     AVFrame *decoded = nullptr;
     AVFrame *filtered = nullptr;
@@ -241,6 +256,20 @@ int AudioEngine::feedGraph(AVStream *audio, AVFrame *decoded) {
         av_frame_unref(decoded);
         throw FfmpegError("Failed to rebuild the filter graph");
     }
+    if (graphOriginPending) {
+        // A new graph: its output starts at this frame's media time. The piece being filled is
+        // handed over as it is, so that each piece holds audio of one graph (one speed).
+        if (fillingFrames > 0)
+            pushFilledPiece(); // an output that has gone is noticed at the next piece
+        const int64_t ts = decoded->best_effort_timestamp != AV_NOPTS_VALUE
+                               ? decoded->best_effort_timestamp
+                               : decoded->pts;
+        graphOriginUs = ts == AV_NOPTS_VALUE
+                            ? ALSA_OUTPUT_NO_MEDIA
+                            : av_rescale_q(ts, audio->time_base, AVRational{1, 1000000});
+        graphFramesOut = 0;
+        graphOriginPending = false;
+    }
     const int written = av_buffersrc_write_frame(abufferCtx, decoded);
     av_frame_unref(decoded);
     return written;
@@ -255,7 +284,19 @@ void AudioEngine::holdWhilePaused() {
     }
     hw_mp_setstate(kMpPlaying);
     if (state.load() == Playing)
-        pause_alsa(0);
+        unpauseOutputUnlessSeeking();
+}
+
+// A seek pending at a resume is carried out by the loop, which drops what the pause held and
+// then lets the output run: the card never plays the audio from before the seek again.
+void AudioEngine::unpauseOutputUnlessSeeking() {
+    if (!seekPending())
+        alsa_output_pause(0);
+}
+
+void AudioEngine::dropQueuedAudio() {
+    alsa_output_drop();
+    alsa_output_pause(0);
 }
 
 void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *packet) {
@@ -268,7 +309,11 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
             if (!drainAtEndOfMedia(decoded, filtered)) {
                 announceStopInPass();
                 announceStopAtPacketEnd();
+                return;
             }
+            // Paused with the last audio held by the output: the media ends when it has been
+            // heard, after the resume.
+            holdWhilePaused();
             return;
         }
         if (packet->stream_index != audioStreamIndex) {
@@ -333,37 +378,14 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
                 break;
             }
 
-            bool sought = false;
-            if (outputPass) {
+            if (outputPass && !carryOutSeek(audio)) {
                 std::lock_guard<std::mutex> lock(engineMutex);
-                if (seekRequested) {
-                    const int64_t target =
-                        av_rescale_q(seekTargetMs / 1000, AVRational{1, 1}, audio->time_base);
-                    const bool moved = av_seek_frame(formatCtx, audioStreamIndex, target,
-                                                     AVSEEK_FLAG_BACKWARD) >= 0;
-                    if (!moved)
-                        AE_LOG(2, "%s", "Failed to av_seek_frame");
-                    avcodec_flush_buffers(decoderCtx);
-                    seekRequested = false;
-                    // The position is the target from now on, not what the filters still
-                    // hold from before the seek (a target past the end lands at the end). A
-                    // failed seek plays on from where it was, and so does the position.
-                    if (moved && seekTargetMs < durationMs) {
-                        positionMs = seekTargetMs / 1000 * 1000;
-                        lastPositionMs = positionMs;
-                    }
-                    sought = moved;
-                } else {
-                    if (havePosition) {
-                        positionMs = wholeSecondsMs(lastTimestamp, audio->time_base);
-                        lastPositionMs = positionMs;
-                    }
-                    notifyPositionLocked();
+                if (havePosition) {
+                    positionMs = wholeSecondsMs(lastTimestamp, audio->time_base);
+                    lastPositionMs = positionMs;
                 }
+                notifyPositionLocked();
             }
-            // Audio from before the seek still in the filters is dropped with the old graph.
-            if (sought && reconfigure_filter_graph(formatCtx, audio) < 0)
-                throw FfmpegError("Failed to rebuild the filter graph");
         } while (sent == AVERROR(EAGAIN));
 
         av_packet_unref(packet);
@@ -372,6 +394,45 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
             return;
         }
     }
+}
+
+// Carries out a pending seek: false when none is pending.
+bool AudioEngine::carryOutSeek(AVStream *audio) {
+    bool moved;
+    {
+        std::lock_guard<std::mutex> lock(engineMutex);
+        if (!seekRequested)
+            return false;
+        const int64_t target =
+            av_rescale_q(seekTargetMs / 1000, AVRational{1, 1}, audio->time_base);
+        moved = av_seek_frame(formatCtx, audioStreamIndex, target, AVSEEK_FLAG_BACKWARD) >= 0;
+        if (!moved)
+            AE_LOG(2, "%s", "Failed to av_seek_frame");
+        avcodec_flush_buffers(decoderCtx);
+        seekRequested = false;
+        // The position is the target from now on, not what the filters still hold from before
+        // the seek (a target past the end lands at the end). A failed seek plays on from where
+        // it was, and so does the position.
+        if (moved && seekTargetMs < durationMs) {
+            positionMs = seekTargetMs / 1000 * 1000;
+            lastPositionMs = positionMs;
+        }
+    }
+    if (moved) {
+        // Nothing from before the target reaches the card after this: what the piece being
+        // filled holds is forgotten, the output layer drops its pieces and the device's buffer
+        // (audio of this run only: a file's first seek leaves the previous file's tail), and
+        // the filters' audio goes with the old graph.
+        fillingFrames = 0;
+        if (pushedThisRun)
+            alsa_output_drop();
+        if (reconfigure_filter_graph(formatCtx, audio) < 0)
+            throw FfmpegError("Failed to rebuild the filter graph");
+    }
+    // A resume that came while the seek was pending left the output paused until now.
+    if (state.load() == Playing)
+        alsa_output_pause(0);
+    return true;
 }
 
 void AudioEngine::announceStopInPass() {
@@ -455,6 +516,8 @@ int AudioEngine::sendToOutput(AVFrame *frame, bool yieldToSeek) {
             bool timedOut = false;
             bool outputStopped = false;
             for (int polls = 0; !piece; piece = get_output_buffer()) {
+                // A paused output takes no piece: the loop holds here as it would below.
+                holdWhilePaused();
                 if (state.load() == Stopped)
                     return 0;
                 if (yieldToSeek && seekPending())
@@ -467,7 +530,10 @@ int AudioEngine::sendToOutput(AVFrame *frame, bool yieldToSeek) {
                     timedOut = true;
                     break;
                 }
-                usleep(kPollUs);
+                // Polls every 10 ms; a seek asked for meanwhile ends the wait at once.
+                std::unique_lock<std::mutex> lock(engineMutex);
+                seekAsked.wait_for(lock, std::chrono::microseconds(kPollUs),
+                                   [&] { return yieldToSeek && seekRequested; });
             }
             if (yieldToSeek && seekPending())
                 return kSeekFirst;
@@ -485,6 +551,8 @@ int AudioEngine::sendToOutput(AVFrame *frame, bool yieldToSeek) {
             fillingPiece->samplerate = frame->sample_rate;
             fillingFrames = 0;
         }
+        if (fillingFrames == 0)
+            pieceMediaUs = mediaTimeUs(graphFramesOut + done, frame->sample_rate);
 
         const int room = capacity - fillingFrames;
         const int count = total - done < room ? total - done : room;
@@ -523,7 +591,15 @@ int AudioEngine::sendToOutput(AVFrame *frame, bool yieldToSeek) {
                 return pushed;
         }
     }
+    graphFramesOut += total;
     return 0;
+}
+
+int64_t AudioEngine::mediaTimeUs(int64_t framesOut, int rate) const {
+    if (graphOriginUs == ALSA_OUTPUT_NO_MEDIA || rate <= 0)
+        return ALSA_OUTPUT_NO_MEDIA;
+    return graphOriginUs +
+           static_cast<int64_t>(static_cast<double>(framesOut) * graphSpeed * 1e6 / rate);
 }
 
 bool AudioEngine::seekPending() {
@@ -537,6 +613,9 @@ int AudioEngine::pushFilledPiece() {
     if (!fillingPiece)
         return 0;
     fillingPiece->frames = fillingFrames;
+    pushedThisRun = true;
+    const alsa_output_tag tag{pieceMediaUs, graphSpeed, mediaSerial};
+    alsa_output_tag_piece(fillingPiece, &tag);
     const int result = push_output_buffer(fillingPiece);
     fillingPiece = nullptr;
     fillingFrames = 0;

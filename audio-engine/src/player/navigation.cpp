@@ -77,6 +77,12 @@ int Player::PlayTrack(int trackNum, int position, bool paused) {
     if (!mediaExists(filename))
         return -1; // the track that plays goes on playing
 
+    // A track chosen while one plays is heard at once: what the output still holds of the old
+    // one is dropped. After a track's natural end its tail plays on (gapless chapters).
+    if (engine.getState() == Playing) {
+        engine.stop();
+        engine.dropQueuedAudio();
+    }
     engine.closeFile();
     int rc = engine.openFile(filename);
     if (rc != 0) {
