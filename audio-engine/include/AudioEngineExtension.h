@@ -94,8 +94,9 @@ AE_EXPORT int ae_ext_get_sleep_mode(struct ae_ext *ext);
 // time left at the current tempo and rate); -1 when off.
 AE_EXPORT int64_t ae_ext_sleep_left_ms(struct ae_ext *ext);
 // Adds `ms` of playing time to an armed timer (a timed stop; a chapter or track stop becomes a
-// timed stop of what is left plus `ms`). During the fade the level is full again from the next
-// audio handed to the output. 0, or -1 when nothing is armed or `ms` is not positive.
+// timed stop of what is left plus `ms`). During the fade the level is full again at once (the
+// faded audio queued for the card plays again from where the card was). 0, or -1 when nothing
+// is armed or `ms` is not positive.
 AE_EXPORT int ae_ext_extend_sleep_timer(struct ae_ext *ext, int64_t ms);
 // The fade of a timed stop, in milliseconds (default 10000, 0 for none): 0 or -1.
 AE_EXPORT int ae_ext_set_sleep_fade_ms(struct ae_ext *ext, int64_t ms);

@@ -1,5 +1,7 @@
 // The output layer on the virtual card: the ring of pieces, the device, the play thread, the mixer.
 #include <algorithm>
+#include <chrono>
+#include <thread>
 #include <cerrno>
 #include <string>
 #include <tuple>
@@ -8,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "alsa_device.h"
+#include "alsa_output_internal.h"
 #include "mp_state.h"
 #include "test_support.h"
 #include "vcard.h"
@@ -134,6 +137,76 @@ TEST_F(AlsaDevice, IdleDeviceClosesAndTheNextPieceReopensAtTheUsersVolume) {
     push(44100, 1000, 4);
     ASSERT_TRUE(ae_test::wait_until([] { return vcard_mixer_value() == 127; }, 5000));
     EXPECT_EQ(vcard_count_events("open 44100"), 2);
+}
+
+// A pause silences the card at once and its resume plays on from the same sample, on a card
+// that pauses and on one whose buffer must be dropped and written again; a drop discards all
+// that is queued. The record maps what the card plays back to the pieces' tags.
+TEST_F(AlsaDevice, PauseAndDropAnswerAtOnceAndTheRecordFollowsTheCard) {
+    enum Action { Pause, Drop, DropWhilePaused };
+    const std::tuple<int, Action> rows[] = {{1, Pause}, {0, Pause},           {1, Drop},
+                                            {0, Drop},  {1, DropWhilePaused}, {0, DropWhilePaused}};
+    const int pieces = 8, frames = ABUF_PIECE_MAX_FRAMES, rate = 44100;
+    for (const auto &[can_pause, action] : rows) {
+        SCOPED_TRACE(std::to_string(can_pause) + " " + std::to_string(action));
+        SetUp();
+        vcard_set_speed(2.0);
+        vcard_set_can_pause(can_pause);
+        ASSERT_EQ(init_alsa_output(), 0);
+        // Piece i holds media from i seconds on, played at 1.5 times its speed.
+        auto pushTagged = [&](int i) {
+            abuf_piece *piece = nullptr;
+            EXPECT_TRUE(ae_test::wait_until([&] { return (piece = get_output_buffer()); }, 5000));
+            const alsa_output_tag tag{i * 1000000LL, 1.5, 7};
+            EXPECT_EQ(alsa_output_tag_piece(piece, &tag), 0);
+            return push(rate, frames, i); // fills the piece got above and pushes it
+        };
+        std::vector<int16_t> sent;
+        for (int i = 0; i < pieces / 2; ++i) {
+            auto s = pushTagged(i);
+            sent.insert(sent.end(), s.begin(), s.end());
+        }
+        ASSERT_TRUE(ae_test::wait_until([] { return vcard_heard_frames() > 6000; }, 5000));
+        alsa_output_position at{};
+        ASSERT_EQ(alsa_output_playing(&at), 0);
+        EXPECT_EQ(at.source, 7);
+        EXPECT_GT(at.queued_us, 0);
+        if (action != Drop) {
+            ASSERT_EQ(alsa_output_pause(1), 0);
+            const size_t heard = vcard_heard_frames();
+            ASSERT_EQ(alsa_output_playing(&at), 0);
+            EXPECT_TRUE(at.paused);
+            // The card's frame `heard` is piece heard / frames, that far into it.
+            const double media = heard / frames + 1.5 * (heard % frames) / rate;
+            EXPECT_NEAR(at.media_us / 1e6, media, 0.002);
+            std::this_thread::sleep_for(std::chrono::milliseconds(60));
+            EXPECT_EQ(vcard_heard_frames(), heard) << "sound after the pause";
+        }
+        if (action != Pause) {
+            const size_t before = vcard_heard_frames();
+            ASSERT_EQ(alsa_output_drop(), 0);
+            EXPECT_GE(vcard_heard_frames(), before);
+            sent.resize(vcard_heard_frames() * 2);  // the rest is never heard
+            EXPECT_NE(alsa_output_playing(&at), 0); // nothing tagged left
+            EXPECT_EQ(at.queued_us, 0);
+        }
+        EXPECT_EQ(alsa_output_pause(0), 0);
+        for (int i = pieces / 2; i < pieces; ++i) {
+            auto s = pushTagged(i);
+            sent.insert(sent.end(), s.begin(), s.end());
+        }
+        const size_t kept = sent.size() / 2;
+        ASSERT_TRUE(ae_test::wait_until([&] { return vcard_heard_frames() >= kept; }, 5000));
+        std::vector<int16_t> heard(kept * 2 + 2);
+        heard.resize(vcard_heard(heard.data(), kept + 1) * 2);
+        EXPECT_TRUE(heard == sent)
+            << "lost or repeated audio: " << heard.size() << " of " << sent.size();
+        // A drop while the device is paused leaves nothing to resume.
+        EXPECT_EQ(vcard_count_events("pause"), !can_pause        ? 0
+                                               : action == Pause ? 2
+                                                                 : action == DropWhilePaused);
+        TearDown();
+    }
 }
 
 // The 0..100 volume onto the control's range and back, and the ramp of one unit per step.

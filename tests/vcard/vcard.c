@@ -23,6 +23,7 @@
 #define MIXER_WRITES 4096
 #define FRAME_BYTES 4
 #define WRITES 65536
+#define UNHEARD 4096
 
 static struct {
     pthread_mutex_t mu;
@@ -39,6 +40,11 @@ static struct {
     int capture_fd; /* anonymous file: the capture never counts as the process's memory */
     size_t captured;
     int open_count;
+    int no_pause; /* PCMs opened from now on cannot pause */
+    /* Stretches of the capture that a drop kept from being heard: [start, end) in frames. */
+    size_t unheard[UNHEARD][2];
+    size_t unheard_count;
+    struct pcm *live; /* the PCM opened last, while open */
     struct vcard_write writes[WRITES];
     size_t write_count;
     size_t event_bytes;
@@ -80,6 +86,9 @@ struct pcm {
     unsigned int rate;
     snd_pcm_uframes_t buffer;
     uint64_t boundary, written, consumed_base; /* frames since prepare */
+    uint64_t reported;                         /* frames consumed when the position was last read */
+    int64_t reported_ns;                       /* and when */
+    size_t capture_start;                      /* the capture's length at the prepare */
     int64_t t_base;
     int running, paused, draining, failed, gone;
 };
@@ -105,13 +114,32 @@ static int pcm_stop(snd_pcm_ioplug_t *io) {
     struct pcm *p = io->private_data;
     snd_pcm_state_t s = io->state;
     pthread_mutex_lock(&card.mu);
-    p->consumed_base = consumed(p, now_ns());
+    int64_t now = now_ns();
+    uint64_t base = p->consumed_base, now_consumed = consumed(p, now);
+    p->consumed_base = now_consumed;
     p->running = 0;
     /* libasound stops the stream after every drain and before every close: only the stop of a
-     * live stream is a drop. */
+     * live stream is a drop. A drop right after the driver read the position (to learn what it
+     * drops) stops the sound at that position, as a card whose position moves in steps would;
+     * what was written after it is never heard. */
     if (!p->draining && (s == SND_PCM_STATE_PREPARED || s == SND_PCM_STATE_RUNNING ||
-                         s == SND_PCM_STATE_PAUSED || s == SND_PCM_STATE_XRUN))
+                         s == SND_PCM_STATE_PAUSED || s == SND_PCM_STATE_XRUN)) {
         event_locked("drop");
+        uint64_t heard = s == SND_PCM_STATE_RUNNING && p->reported >= base &&
+                                 p->reported < now_consumed && now - p->reported_ns < 20000000
+                             ? p->reported
+                             : now_consumed;
+        p->consumed_base = heard;
+        /* Frames written before the capture was reset are not in it. */
+        size_t before = (size_t)0 - p->capture_start;
+        if (before <= p->written && heard < before)
+            heard = before;
+        if (heard < p->written && card.unheard_count < UNHEARD) {
+            card.unheard[card.unheard_count][0] = p->capture_start + heard;
+            card.unheard[card.unheard_count][1] = p->capture_start + p->written;
+            card.unheard_count++;
+        }
+    }
     pthread_mutex_unlock(&card.mu);
     return 0;
 }
@@ -119,8 +147,9 @@ static int pcm_stop(snd_pcm_ioplug_t *io) {
 static snd_pcm_sframes_t pcm_pointer(snd_pcm_ioplug_t *io) {
     struct pcm *p = io->private_data;
     uint64_t c;
-    LOCKED(c = consumed(p, now_ns()) % p->boundary);
-    return (snd_pcm_sframes_t)c;
+    int64_t now = now_ns();
+    LOCKED(c = consumed(p, now); p->reported = c; p->reported_ns = now);
+    return (snd_pcm_sframes_t)(c % p->boundary);
 }
 
 static void capture_locked(const char *data, size_t frames) {
@@ -176,7 +205,7 @@ static snd_pcm_sframes_t pcm_transfer(snd_pcm_ioplug_t *io, const snd_pcm_channe
 
 static int pcm_close(snd_pcm_ioplug_t *io) {
     struct pcm *p = io->private_data;
-    LOCKED(event_locked("close"); card.open_count--);
+    LOCKED(event_locked("close"); card.open_count--; card.live = card.live == p ? NULL : card.live);
     close(p->timer_fd);
     free(p);
     return 0;
@@ -230,7 +259,8 @@ static int pcm_prepare(snd_pcm_ioplug_t *io) {
     pthread_mutex_lock(&card.mu);
     int gone = p->gone;
     if (!gone) {
-        p->written = p->consumed_base = 0;
+        p->written = p->consumed_base = p->reported = 0;
+        p->capture_start = card.captured;
         p->running = p->paused = p->draining = p->failed = 0;
         event_locked("prepare");
     }
@@ -295,6 +325,19 @@ static const snd_pcm_ioplug_callback_t pcm_callbacks = {
     .poll_revents = pcm_poll_revents,
 };
 
+/* A card that cannot pause: libasound reports it through snd_pcm_hw_params_can_pause. */
+static const snd_pcm_ioplug_callback_t pcm_callbacks_no_pause = {
+    .start = pcm_start,
+    .stop = pcm_stop,
+    .pointer = pcm_pointer,
+    .transfer = pcm_transfer,
+    .close = pcm_close,
+    .hw_params = pcm_hw_params,
+    .prepare = pcm_prepare,
+    .drain = pcm_drain,
+    .poll_revents = pcm_poll_revents,
+};
+
 static int pcm_constraints(snd_pcm_ioplug_t *io) {
     static const unsigned int access = SND_PCM_ACCESS_RW_INTERLEAVED;
     static const unsigned int format = SND_PCM_FORMAT_S16_LE;
@@ -327,6 +370,7 @@ SND_PCM_PLUGIN_DEFINE_FUNC(vcard) {
      * takes its pace from VCARD_SPEED. */
     const char *env = getenv("VCARD_SPEED");
     double speed = card.configured || !env ? card.speed : atof(env);
+    int no_pause = card.no_pause;
     pthread_mutex_unlock(&card.mu);
     if (error)
         return error;
@@ -347,7 +391,7 @@ SND_PCM_PLUGIN_DEFINE_FUNC(vcard) {
     p->io.flags = SND_PCM_IOPLUG_FLAG_BOUNDARY_WA | SND_PCM_IOPLUG_FLAG_MONOTONIC;
     p->io.poll_fd = p->timer_fd;
     p->io.poll_events = POLLIN;
-    p->io.callback = &pcm_callbacks;
+    p->io.callback = no_pause ? &pcm_callbacks_no_pause : &pcm_callbacks;
     p->io.private_data = p;
     int err = snd_pcm_ioplug_create(&p->io, name, stream, mode);
     if (err < 0) {
@@ -355,7 +399,7 @@ SND_PCM_PLUGIN_DEFINE_FUNC(vcard) {
         free(p);
         return err;
     }
-    LOCKED(card.open_count++);
+    LOCKED(card.open_count++; card.live = p);
     err = pcm_constraints(&p->io);
     if (err < 0) {
         snd_pcm_ioplug_delete(&p->io); /* calls pcm_close */
@@ -522,6 +566,10 @@ void vcard_setup(void) {
     card.mixer_max = 255;
     card.mixer_changes++;
     card.mixer_write_count = card.captured = card.event_bytes = card.write_count = 0;
+    card.unheard_count = 0;
+    card.no_pause = 0;
+    if (card.live) /* the open stream's next frame starts the new capture */
+        card.live->capture_start = (size_t)0 - (size_t)card.live->written;
     if (card.capture_fd >= 0 && ftruncate(card.capture_fd, 0) != 0)
         perror("vcard: capture");
     pthread_mutex_unlock(&card.mu);
@@ -606,4 +654,40 @@ int vcard_is_open(void) {
     int open;
     LOCKED(open = card.open_count > 0);
     return open;
+}
+
+void vcard_set_can_pause(int can_pause) {
+    LOCKED(card.no_pause = !can_pause);
+}
+
+size_t vcard_heard(int16_t *out, size_t max_frames) {
+    size_t captured = vcard_captured_frames();
+    int16_t *all = malloc(captured * FRAME_BYTES + FRAME_BYTES);
+    if (!all)
+        return 0;
+    captured = vcard_capture(all, captured);
+    pthread_mutex_lock(&card.mu);
+    size_t kept = 0, range = 0;
+    for (size_t f = 0; f < captured && kept < max_frames; f++) {
+        while (range < card.unheard_count && f >= card.unheard[range][1])
+            range++;
+        if (range < card.unheard_count && f >= card.unheard[range][0])
+            continue;
+        memcpy(out + kept * 2, all + f * 2, FRAME_BYTES);
+        kept++;
+    }
+    pthread_mutex_unlock(&card.mu);
+    free(all);
+    return kept;
+}
+
+size_t vcard_heard_frames(void) {
+    pthread_mutex_lock(&card.mu);
+    size_t heard = card.captured;
+    for (size_t i = 0; i < card.unheard_count; i++)
+        heard -= card.unheard[i][1] - card.unheard[i][0];
+    if (card.live)
+        heard -= (size_t)(card.live->written - consumed(card.live, now_ns()));
+    pthread_mutex_unlock(&card.mu);
+    return heard;
 }

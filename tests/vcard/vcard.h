@@ -49,6 +49,15 @@ size_t vcard_writes(struct vcard_write *out, size_t max);
 /* Events, counted by the start of their line: "open <rate>", "open-fail <errno>", "xrun", "gone",
  * "prepare", "pause <0|1>", "drain", "drop" (a live stream stopped), "close". */
 int vcard_count_events(const char *prefix);
+
+/* PCMs opened from now on can pause (1, the default) or not (0: snd_pcm_pause fails and
+ * snd_pcm_hw_params_can_pause says so). */
+void vcard_set_can_pause(int can_pause);
+/* What a listener heard: the capture without the frames that a drop kept from being played (a
+ * drop stops the sound where the driver last read the position). Returns the frames copied. */
+size_t vcard_heard(int16_t *out, size_t max_frames);
+/* Frames heard so far: played by the card's clock, dropped frames excepted. */
+size_t vcard_heard_frames(void);
 int vcard_is_open(void);
 
 #ifdef __cplusplus

@@ -140,6 +140,9 @@ public:
     int sendToOutput(AVFrame *frame, bool yieldToSeek = false);
     int pushFilledPiece();
     bool seekPending();
+    // Drops the audio queued in the output layer (pieces and device buffer) and ends a pause of
+    // the output: what a transport change that must be heard at once does (play_loop.cpp).
+    void dropQueuedAudio();
     // Platform media-player state; BanSleep(4) precedes state 0.
     void set_mp_state(int s);
 
@@ -151,6 +154,9 @@ public:
     bool takeSleepEndedTrack();
     // Playing time left before the timer pauses, -1 when off (application's thread).
     int64_t sleepLeftMs();
+    // An extension during the fade: what is queued plays again from the card's position, so
+    // that the full level is heard at once.
+    void replayFromCard();
     // A pause begins (the clock of the rewind after a long pause).
     void pauseBegins();
     // A long pause ends: with the rewind enabled, a seek a little before where playback stood.
@@ -193,6 +199,9 @@ private:
     // False when `frame` lies wholly before an exact seek's target (drop it); otherwise the
     // part before the target is cut off.
     bool trimToSeekTarget(AVStream *audio, AVFrame *frame);
+    // A seek drops the queued audio and `unpushed` frames of the piece being filled: the sleep
+    // timer counted them as played, and gets them back.
+    void creditDroppedAudio(int unpushed);
     // The media time, in microseconds, of sample `index` of a filtered frame (-1: unknown).
     int64_t outputMediaUs(const AVFrame *filtered, int index) const;
     // With the timer armed for a chapter's end: whether the end of the chapter that playback
@@ -208,6 +217,19 @@ private:
     // wake-up of the output thread, for each would cost more than the filtering.
     abuf_piece *fillingPiece = nullptr;
     int fillingFrames = 0;
+    // Media time of what leaves the graph (play thread): the graph plays at `graphSpeed` media
+    // seconds per second from `graphOriginUs`, the timestamp of the first frame fed since it was
+    // built (taken when `graphOriginPending`), and has put out `graphFramesOut` frames since.
+    // `pieceMediaUs` is the media time of the first frame in fillingPiece.
+    double graphSpeed = 1.0;
+    bool graphOriginPending = true;
+    int64_t graphOriginUs = 0;
+    int64_t graphFramesOut = 0;
+    int64_t pieceMediaUs = 0;
+    // Names the open media in the output layer's tags (alsa_output_internal.h).
+    int32_t mediaSerial = 0;
+    int64_t mediaTimeUs(int64_t framesOut, int rate) const;
+    void unpauseOutputUnlessSeeking();
     bool graphNeedsRebuild() const;
     void holdWhilePaused();
     void notifyState();
@@ -286,17 +308,14 @@ public:
     std::atomic<bool> rewindEnabled{false};
     std::atomic<int64_t> pausedAtMs{INT64_MIN}; // steady clock when the pause began, or none
     std::atomic<bool> sleepEndedTrack{false};   // the timer ended the last track
-    std::atomic<int64_t> outputUs{0};           // media time of the audio handed out last
     std::atomic<int64_t> chapterStopUs{-1};     // the chapter end the timer waits for, -1: none
     std::atomic<bool> holdAtStart{false};       // start() begins in Paused (startPaused)
 
 private:
-    // Play thread: the exact seek's target still to reach (INT64_MIN: none), the media time of
-    // the first audio fed to the graph since it was built (its output's time 0 at its speed),
-    // the timer generation the chapter's end was found for, where the fade of a timed stop
-    // began (-1: not known), and a stop of the timer at the file's end.
+    // Play thread: the exact seek's target still to reach (INT64_MIN: none), the timer
+    // generation the chapter's end was found for, where the fade of a timed stop began (-1: not
+    // known), and a stop of the timer at the file's end.
     int64_t trimBeforePts = INT64_MIN;
-    int64_t graphStartUs = INT64_MIN;
     unsigned chapterStopGeneration = 0;
     int64_t fadeStartUs = -1;
     int sleepAtEnd = 0;

@@ -25,6 +25,7 @@ extern "C" {
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 namespace {
@@ -93,7 +94,6 @@ int AudioEngine::rebuild_for_frame(AVFormatContext *format, AVStream *audio, con
 }
 
 int AudioEngine::build_filter_graph(AVStream *audio) {
-    graphStartUs = INT64_MIN;
     filterGraph = avfilter_graph_alloc();
     if (!filterGraph) {
         AE_LOG(2, "%s", "unable to create filter graph: out of memory");
@@ -142,6 +142,10 @@ int AudioEngine::build_filter_graph(AVStream *audio) {
         first = 2.0;
         second = t * 0.5;
     }
+    char firstArgs[16];
+    char secondArgs[16];
+    snprintf(firstArgs, sizeof firstArgs, "%.1f", first);
+    snprintf(secondArgs, sizeof secondArgs, "%.1f", second);
     snprintf(args, sizeof args, "tempo=%.1f", first);
     ret = createFilter(&atempoCtx, atempo, "atempo", args, filterGraph);
     if (ret < 0) {
@@ -196,6 +200,10 @@ int AudioEngine::build_filter_graph(AVStream *audio) {
         return ret;
     }
     graphSampleRateMultiplier = multiplier;
+    // Media seconds per second of output, as the stages run it: each tempo stage with the one
+    // decimal it was given, the rate stage at its truncated rate.
+    graphSpeed = strtod(firstArgs, nullptr) * strtod(secondArgs, nullptr) * rate / sourceRate;
+    graphOriginPending = true;
 
     // Output format of the PCM layer.
     snprintf(args, sizeof args, "sample_fmts=%s:sample_rates=%d:channel_layouts=0x%llx",

@@ -38,6 +38,8 @@ int AudioEngine::openFileInt(const std::string &path, AVIOContext *io) {
         lastPositionMs = -1;
         seekRequested = false;
     }
+    static std::atomic<int32_t> opens{0};
+    mediaSerial = ++opens; // names this media in the output layer's tags
     try {
         if (formatCtx)
             cleanup();

@@ -3,6 +3,7 @@
 #include "AudioEngine.h"
 
 #include "alsa_device.h"
+#include "alsa_output_internal.h"
 #include "engine_log.h"
 #include "ffmpeg_error.h"
 #include "mp_state.h"
@@ -60,9 +61,11 @@ int AudioEngine::start() {
         AE_LOG(2, "%s", "start() called on the play thread");
         return -1;
     }
-    state = Stopped;
+    const bool wasPaused = state.exchange(Stopped) == Paused;
     if (playThread.joinable())
         playThread.join();
+    if (wasPaused)
+        dropQueuedAudio();
     // The loop just joined may have failed and closed the media on its way out.
     if (!decoderOpen.load()) {
         AE_LOG(2, "%s", "File is not opened");
@@ -82,9 +85,13 @@ int AudioEngine::start() {
 }
 
 int AudioEngine::stop() {
-    state = Stopped;
+    // Audio held by a pause is never heard after a stop; a stop while playing lets the queued
+    // audio play out.
+    const bool wasPaused = state.exchange(Stopped) == Paused;
     if (playThread.joinable() && playThread.get_id() != std::this_thread::get_id())
         playThread.join();
+    if (wasPaused)
+        dropQueuedAudio();
     notifyState();
     return 0;
 }
@@ -94,6 +101,8 @@ int AudioEngine::pause() {
     if (!state.compare_exchange_strong(expected, Paused))
         return 0;
     pauseBegins();
+    // The card falls silent now, not when the queued audio has played out.
+    alsa_output_pause(1);
     {
         std::lock_guard<std::mutex> lock(engineMutex);
         if (seekRequested && seekTargetMs < durationMs) {
@@ -112,6 +121,7 @@ int AudioEngine::resume() {
     int expected = Paused;
     if (!state.compare_exchange_strong(expected, Playing))
         return 0;
+    unpauseOutputUnlessSeeking();
     notifyState();
     return 0;
 }
@@ -186,6 +196,7 @@ void AudioEngine::playLoop() {
     init_alsa_output();
     fillingPiece = nullptr; // a piece left unpushed by an earlier run is simply filled again
     fillingFrames = 0;
+    graphOriginPending = true;
     fadeStartUs = -1;
     sleepAtEnd = AE_SLEEP_OFF;
     chapterStopGeneration = 0;
@@ -254,9 +265,20 @@ int AudioEngine::feedGraph(AVStream *audio, AVFrame *decoded) {
         av_frame_unref(decoded);
         throw FfmpegError("Failed to rebuild the filter graph");
     }
-    if (decoded->best_effort_timestamp != AV_NOPTS_VALUE && graphStartUs == INT64_MIN)
-        graphStartUs =
-            av_rescale_q(decoded->best_effort_timestamp, audio->time_base, AVRational{1, 1000000});
+    if (graphOriginPending) {
+        // A new graph: its output starts at this frame's media time. The piece being filled is
+        // handed over as it is, so that each piece holds audio of one graph (one speed).
+        if (fillingFrames > 0)
+            pushFilledPiece(); // an output that has gone is noticed at the next piece
+        const int64_t ts = decoded->best_effort_timestamp != AV_NOPTS_VALUE
+                               ? decoded->best_effort_timestamp
+                               : decoded->pts;
+        graphOriginUs = ts == AV_NOPTS_VALUE
+                            ? ALSA_OUTPUT_NO_MEDIA
+                            : av_rescale_q(ts, audio->time_base, AVRational{1, 1000000});
+        graphFramesOut = 0;
+        graphOriginPending = false;
+    }
     const int written = av_buffersrc_write_frame(abufferCtx, decoded);
     av_frame_unref(decoded);
     return written;
@@ -271,7 +293,19 @@ void AudioEngine::holdWhilePaused() {
     }
     hw_mp_setstate(kMpPlaying);
     if (state.load() == Playing)
-        pause_alsa(0);
+        unpauseOutputUnlessSeeking();
+}
+
+// A seek pending at a resume is carried out by the loop, which drops what the pause held and
+// then lets the output run: the card never plays the audio from before the seek again.
+void AudioEngine::unpauseOutputUnlessSeeking() {
+    if (!seekPending())
+        alsa_output_pause(0);
+}
+
+void AudioEngine::dropQueuedAudio() {
+    alsa_output_drop();
+    alsa_output_pause(0);
 }
 
 void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *packet) {
@@ -389,6 +423,12 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
                         lastPositionMs = positionMs;
                     }
                     sought = moved;
+                    if (moved) {
+                        // What the piece being filled holds is from before the target. The
+                        // sleep timer gets back what it counted of the audio dropped now.
+                        creditDroppedAudio(fillingFrames);
+                        fillingFrames = 0;
+                    }
                 } else {
                     if (havePosition) {
                         positionMs = wholeSecondsMs(lastTimestamp, audio->time_base);
@@ -397,9 +437,16 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
                     notifyPositionLocked();
                 }
             }
-            // Audio from before the seek still in the filters is dropped with the old graph.
-            if (sought && reconfigure_filter_graph(formatCtx, audio) < 0)
-                throw FfmpegError("Failed to rebuild the filter graph");
+            if (sought) {
+                // Nothing from before the target reaches the card after this: the output layer
+                // drops its pieces and the device's buffer, and the filters' audio goes with the
+                // old graph.
+                alsa_output_drop();
+                if (state.load() == Playing)
+                    alsa_output_pause(0);
+                if (reconfigure_filter_graph(formatCtx, audio) < 0)
+                    throw FfmpegError("Failed to rebuild the filter graph");
+            }
         } while (sent == AVERROR(EAGAIN));
 
         av_packet_unref(packet);
@@ -523,6 +570,8 @@ int AudioEngine::sendToOutput(AVFrame *frame, bool yieldToSeek) {
             fillingPiece->samplerate = frame->sample_rate;
             fillingFrames = 0;
         }
+        if (fillingFrames == 0)
+            pieceMediaUs = mediaTimeUs(graphFramesOut + done, frame->sample_rate);
 
         const int room = capacity - fillingFrames;
         int count = total - done < room ? total - done : room;
@@ -577,6 +626,7 @@ int AudioEngine::sendToOutput(AVFrame *frame, bool yieldToSeek) {
                            fadeStartUs >= 0 ? fadeStartUs : outputMediaUs(frame, done));
             else
                 sleepPause(AE_SLEEP_END_OF_CHAPTER, chapterStopUs.load());
+            graphFramesOut += total; // the rest of the frame is not played
             return kSleepFired;
         }
 
@@ -586,7 +636,15 @@ int AudioEngine::sendToOutput(AVFrame *frame, bool yieldToSeek) {
                 return pushed;
         }
     }
+    graphFramesOut += total;
     return 0;
+}
+
+int64_t AudioEngine::mediaTimeUs(int64_t framesOut, int rate) const {
+    if (graphOriginUs == ALSA_OUTPUT_NO_MEDIA || rate <= 0)
+        return ALSA_OUTPUT_NO_MEDIA;
+    return graphOriginUs +
+           static_cast<int64_t>(static_cast<double>(framesOut) * graphSpeed * 1e6 / rate);
 }
 
 bool AudioEngine::seekPending() {
@@ -600,6 +658,8 @@ int AudioEngine::pushFilledPiece() {
     if (!fillingPiece)
         return 0;
     fillingPiece->frames = fillingFrames;
+    const alsa_output_tag tag{pieceMediaUs, graphSpeed, mediaSerial};
+    alsa_output_tag_piece(fillingPiece, &tag);
     const int result = push_output_buffer(fillingPiece);
     fillingPiece = nullptr;
     fillingFrames = 0;

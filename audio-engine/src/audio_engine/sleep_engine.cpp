@@ -4,6 +4,7 @@
 #include "AudioEngine.h"
 
 #include "AudioEngineExtension.h"
+#include "alsa_output_internal.h"
 #include "engine_log.h"
 
 extern "C" {
@@ -19,6 +20,7 @@ extern "C" {
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <unistd.h>
 
 namespace {
 
@@ -71,18 +73,37 @@ void AudioEngine::rewindAfterLongPause() {
     positionMs = target / 1000 * 1000;
 }
 
+void AudioEngine::replayFromCard() {
+    // The faded audio queued for the card is dropped and played again from the sample the card
+    // plays now, at the full level: an exact seek there.
+    alsa_output_position card{};
+    if (state.load() != Playing || alsa_output_playing(&card) != 0 || card.source != mediaSerial ||
+        card.media_us == ALSA_OUTPUT_NO_MEDIA)
+        return;
+    std::lock_guard<std::mutex> lock(engineMutex);
+    if (seekRequested)
+        return;
+    const int64_t us = std::max<int64_t>(card.media_us, 0);
+    seekRequested = true;
+    seekTargetMs = static_cast<int>(us / 1000);
+    seekExactUs = us;
+}
+
 int64_t AudioEngine::sleepLeftMs() {
     const int mode = sleepTimer.mode();
     if (mode == AE_SLEEP_OFF)
         return -1;
+    // What the card has still to play of the audio handed out counts too.
+    alsa_output_position card{};
+    const bool heard = alsa_output_playing(&card) == 0 && card.source == mediaSerial;
     if (mode == AE_SLEEP_AFTER_TIME)
-        return std::max<int64_t>(sleepTimer.timedLeftMs(), 0);
+        return std::max<int64_t>(sleepTimer.timedLeftMs() + card.queued_us / 1000, 0);
     // Media time left, played at the current speed.
     const double speed = tempo.load() * sampleRateMultiplier.load();
     int64_t mediaLeftMs;
     const int64_t stopUs = chapterStopUs.load();
-    if (mode == AE_SLEEP_END_OF_CHAPTER && stopUs >= 0) {
-        mediaLeftMs = (stopUs - outputUs.load()) / 1000;
+    if (mode == AE_SLEEP_END_OF_CHAPTER && stopUs >= 0 && heard) {
+        mediaLeftMs = (stopUs - card.media_us) / 1000;
     } else {
         const int64_t position = getPosition();
         int64_t end = getDurationMs();
@@ -139,24 +160,22 @@ bool AudioEngine::trimToSeekTarget(AVStream *audio, AVFrame *frame) {
     return true;
 }
 
+void AudioEngine::creditDroppedAudio(int unpushed) {
+    alsa_output_position card{};
+    alsa_output_playing(&card); // fills queued_us in any case
+    sleepTimer.credit(unpushed +
+                      std::max<int64_t>(card.queued_us, 0) * SleepTimer::kOutputRate / 1000000);
+}
+
 int64_t AudioEngine::outputMediaUs(const AVFrame *filtered, int index) const {
-    if (filtered->pts == AV_NOPTS_VALUE || filtered->sample_rate <= 0 || graphStartUs == INT64_MIN)
-        return -1;
-    // The tempo stages count their output from the first input's time, and the rate stage
-    // plays the samples `multiplier` times as fast: the output's time since that start,
-    // times the speed, is the media time since it.
-    const AVRational tb = av_buffersink_get_time_base(abuffersinkCtx);
-    const double outUs =
-        double(filtered->pts) * tb.num * 1e6 / tb.den + double(index) * 1e6 / filtered->sample_rate;
-    const double start = double(graphStartUs);
-    return std::llround(start + (outUs * graphSampleRateMultiplier - start) * graphTempo);
+    const int64_t us = mediaTimeUs(graphFramesOut + index, filtered->sample_rate);
+    return us == ALSA_OUTPUT_NO_MEDIA ? -1 : us;
 }
 
 bool AudioEngine::chapterStopWithin(const AVFrame *filtered, int index, int *count) {
     const int64_t at = outputMediaUs(filtered, index);
     if (at < 0)
         return false;
-    outputUs = at;
     if (sleepTimer.mode() != AE_SLEEP_END_OF_CHAPTER)
         return false;
     const unsigned generation = sleepTimer.generation();
@@ -180,8 +199,7 @@ bool AudioEngine::chapterStopWithin(const AVFrame *filtered, int index, int *cou
     if (stop < 0)
         return false;
     // Output samples before the end, at the speed the graph plays.
-    const double speed = graphTempo * graphSampleRateMultiplier;
-    const int64_t keep = std::llround((stop - at) * 1e-6 * filtered->sample_rate / speed);
+    const int64_t keep = std::llround((stop - at) * 1e-6 * filtered->sample_rate / graphSpeed);
     if (keep > *count)
         return false;
     *count = static_cast<int>(std::max<int64_t>(keep, 0));
@@ -189,12 +207,23 @@ bool AudioEngine::chapterStopWithin(const AVFrame *filtered, int index, int *cou
 }
 
 void AudioEngine::sleepPause(int mode, int64_t resumeUs) {
+    // What went out before the stop is heard to its end (at most a few seconds' wait) before
+    // the output pauses, unless the application pauses, stops or seeks meanwhile.
+    alsa_output_position card{};
+    for (int polls = 0; polls < 500 && state.load() == Playing && !seekPending(); ++polls) {
+        alsa_output_playing(&card); // fills queued_us in any case
+        if (card.queued_us <= 0 || alsa_output_working() == 0)
+            break;
+        usleep(10000);
+    }
     int s = state.load();
     bool paused = false;
     while (s == Playing && !(paused = state.compare_exchange_weak(s, Paused))) {
     }
-    if (paused)
+    if (paused) {
         pauseBegins();
+        alsa_output_pause(1);
+    }
     // Paused by the application meanwhile: the resume still starts at the stop.
     if (paused || s == Paused) {
         if (resumeUs >= 0) {
@@ -235,7 +264,11 @@ AE_EXPORT int ae_ext_extend_sleep_timer(ae_ext *ext, int64_t ms) {
     if (!ext)
         return -1;
     AudioEngine *engine = AudioEngine::fromExtension(ext);
-    return engine->sleepTimer.extend(ms, engine->sleepLeftMs());
+    bool restored = false;
+    const int extended = engine->sleepTimer.extend(ms, engine->sleepLeftMs(), &restored);
+    if (restored)
+        engine->replayFromCard();
+    return extended;
 }
 
 AE_EXPORT int ae_ext_set_sleep_fade_ms(ae_ext *ext, int64_t ms) {

@@ -41,7 +41,8 @@ void SleepTimer::disarm() {
     ++generation_;
 }
 
-int SleepTimer::extend(int64_t ms, int64_t leftMs) {
+int SleepTimer::extend(int64_t ms, int64_t leftMs, bool *restored) {
+    *restored = false;
     if (ms <= 0 || ms > INT64_MAX / kOutputRate / 2)
         return -1;
     std::lock_guard<std::mutex> lock(mutex_);
@@ -54,10 +55,21 @@ int SleepTimer::extend(int64_t ms, int64_t leftMs) {
         leftFrames_ = msToFrames(std::max<int64_t>(leftMs, 0) + ms);
         fadeFrames_ = std::min(msToFrames(fadeSettingMs_), leftFrames_);
     }
-    if (leftFrames_ > fadeFrames_)
+    if (leftFrames_ > fadeFrames_) {
+        *restored = fading_;
         fading_ = false; // the next block plays at the full level
+    }
     ++generation_;
     return 0;
+}
+
+void SleepTimer::credit(int64_t frames) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (mode_ != AE_SLEEP_AFTER_TIME || frames <= 0)
+        return;
+    leftFrames_ += frames;
+    if (leftFrames_ > fadeFrames_)
+        fading_ = false;
 }
 
 int64_t SleepTimer::timedLeftMs() const {

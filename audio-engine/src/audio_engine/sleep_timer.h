@@ -23,8 +23,12 @@ public:
     // Cancels what is armed.
     void disarm();
     // Turns the armed timer into a timed stop of `leftMs` plus `ms`: 0, or -1 when nothing is
-    // armed or `ms` is not positive. Past the fade again, the level is full at the next block.
-    int extend(int64_t ms, int64_t leftMs);
+    // armed or `ms` is not positive. Past the fade again, the level is full at the next block;
+    // *restored tells whether a fade under way was ended so.
+    int extend(int64_t ms, int64_t leftMs, bool *restored);
+    // Gives a timed stop back `frames` it counted but the card never played (dropped by a
+    // seek).
+    void credit(int64_t frames);
     // Playing time left of a timed stop, -1 for the other modes and when off.
     int64_t timedLeftMs() const;
     // Changes with every arm and extend: the play thread finds the chapter's end again.

@@ -77,7 +77,12 @@ int Player::PlayTrack(int trackNum, int position, bool paused) {
     if (!mediaExists(filename))
         return -1; // the track that plays goes on playing
 
+    // A track chosen while one plays is heard at once: what the output still holds of the old
+    // one is dropped. After a track's natural end its tail plays on (gapless chapters).
+    const bool playing = engine.getState() == Playing;
     engine.closeFile();
+    if (playing)
+        engine.dropQueuedAudio();
     int rc = engine.openFile(filename);
     if (rc != 0) {
         qz_print_log2(2, kLogSource, 54,
