@@ -691,3 +691,16 @@ size_t vcard_heard_frames(void) {
     pthread_mutex_unlock(&card.mu);
     return heard;
 }
+
+size_t vcard_drops(size_t *heard_at, size_t max) {
+    pthread_mutex_lock(&card.mu);
+    size_t dropped = 0;
+    for (size_t i = 0; i < card.unheard_count; i++) {
+        if (i < max)
+            heard_at[i] = card.unheard[i][0] - dropped;
+        dropped += card.unheard[i][1] - card.unheard[i][0];
+    }
+    size_t n = card.unheard_count;
+    pthread_mutex_unlock(&card.mu);
+    return n;
+}

@@ -58,6 +58,9 @@ void vcard_set_can_pause(int can_pause);
 size_t vcard_heard(int16_t *out, size_t max_frames);
 /* Frames heard so far: played by the card's clock, dropped frames excepted. */
 size_t vcard_heard_frames(void);
+/* Where in what was heard (vcard_heard) each drop that kept frames from being heard cut the
+ * sound; returns how many such drops there were. */
+size_t vcard_drops(size_t *heard_at, size_t max);
 int vcard_is_open(void);
 
 #ifdef __cplusplus

@@ -199,9 +199,9 @@ private:
     // False when `frame` lies wholly before an exact seek's target (drop it); otherwise the
     // part before the target is cut off.
     bool trimToSeekTarget(AVStream *audio, AVFrame *frame);
-    // A seek drops the queued audio and `unpushed` frames of the piece being filled: the sleep
-    // timer counted them as played, and gets them back.
-    void creditDroppedAudio(int unpushed);
+    // A seek drops `unpushed` frames of the piece being filled and, with `queued`, the audio
+    // queued in the output: the sleep timer counted them as played, and gets them back.
+    void creditDroppedAudio(int unpushed, bool queued);
     // The media time, in microseconds, of sample `index` of a filtered frame (-1: unknown).
     int64_t outputMediaUs(const AVFrame *filtered, int index) const;
     // With the timer armed for a chapter's end: whether the end of the chapter that playback
@@ -230,6 +230,8 @@ private:
     int32_t mediaSerial = 0;
     int64_t mediaTimeUs(int64_t framesOut, int rate) const;
     void unpauseOutputUnlessSeeking();
+    bool carryOutSeek(AVStream *audio);
+    bool pushedThisRun = false; // this run of the loop has pushed audio
     bool graphNeedsRebuild() const;
     void holdWhilePaused();
     void notifyState();

@@ -197,6 +197,7 @@ void AudioEngine::playLoop() {
     fillingPiece = nullptr; // a piece left unpushed by an earlier run is simply filled again
     fillingFrames = 0;
     graphOriginPending = true;
+    pushedThisRun = false;
     fadeStartUs = -1;
     sleepAtEnd = AE_SLEEP_OFF;
     chapterStopGeneration = 0;
@@ -396,56 +397,13 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
                 break;
             }
 
-            bool sought = false;
-            if (outputPass) {
+            if (outputPass && !carryOutSeek(audio)) {
                 std::lock_guard<std::mutex> lock(engineMutex);
-                if (seekRequested) {
-                    const int64_t target =
-                        av_rescale_q(seekTargetMs / 1000, AVRational{1, 1}, audio->time_base);
-                    const bool moved = av_seek_frame(formatCtx, audioStreamIndex, target,
-                                                     AVSEEK_FLAG_BACKWARD) >= 0;
-                    if (!moved)
-                        AE_LOG(2, "%s", "Failed to av_seek_frame");
-                    avcodec_flush_buffers(decoderCtx);
-                    seekRequested = false;
-                    // An exact target: what the decoder delivers before it is cut off.
-                    trimBeforePts =
-                        moved && seekExactUs >= 0
-                            ? av_rescale_q(seekExactUs, AVRational{1, 1000000}, audio->time_base)
-                            : INT64_MIN;
-                    seekExactUs = -1;
-                    chapterStopGeneration = 0; // the chapter of the target, when armed
-                    // The position is the target from now on, not what the filters still
-                    // hold from before the seek (a target past the end lands at the end). A
-                    // failed seek plays on from where it was, and so does the position.
-                    if (moved && seekTargetMs < durationMs) {
-                        positionMs = seekTargetMs / 1000 * 1000;
-                        lastPositionMs = positionMs;
-                    }
-                    sought = moved;
-                    if (moved) {
-                        // What the piece being filled holds is from before the target. The
-                        // sleep timer gets back what it counted of the audio dropped now.
-                        creditDroppedAudio(fillingFrames);
-                        fillingFrames = 0;
-                    }
-                } else {
-                    if (havePosition) {
-                        positionMs = wholeSecondsMs(lastTimestamp, audio->time_base);
-                        lastPositionMs = positionMs;
-                    }
-                    notifyPositionLocked();
+                if (havePosition) {
+                    positionMs = wholeSecondsMs(lastTimestamp, audio->time_base);
+                    lastPositionMs = positionMs;
                 }
-            }
-            if (sought) {
-                // Nothing from before the target reaches the card after this: the output layer
-                // drops its pieces and the device's buffer, and the filters' audio goes with the
-                // old graph.
-                alsa_output_drop();
-                if (state.load() == Playing)
-                    alsa_output_pause(0);
-                if (reconfigure_filter_graph(formatCtx, audio) < 0)
-                    throw FfmpegError("Failed to rebuild the filter graph");
+                notifyPositionLocked();
             }
         } while (sent == AVERROR(EAGAIN));
 
@@ -455,6 +413,53 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
             return;
         }
     }
+}
+
+// Carries out a pending seek: false when none is pending.
+bool AudioEngine::carryOutSeek(AVStream *audio) {
+    bool moved;
+    {
+        std::lock_guard<std::mutex> lock(engineMutex);
+        if (!seekRequested)
+            return false;
+        const int64_t target =
+            av_rescale_q(seekTargetMs / 1000, AVRational{1, 1}, audio->time_base);
+        moved = av_seek_frame(formatCtx, audioStreamIndex, target, AVSEEK_FLAG_BACKWARD) >= 0;
+        if (!moved)
+            AE_LOG(2, "%s", "Failed to av_seek_frame");
+        avcodec_flush_buffers(decoderCtx);
+        seekRequested = false;
+        // An exact target: what the decoder delivers before it is cut off.
+        trimBeforePts = moved && seekExactUs >= 0
+                            ? av_rescale_q(seekExactUs, AVRational{1, 1000000}, audio->time_base)
+                            : INT64_MIN;
+        seekExactUs = -1;
+        chapterStopGeneration = 0; // the chapter of the target, when the timer waits for one
+        // The position is the target from now on, not what the filters still hold from before
+        // the seek (a target past the end lands at the end). A failed seek plays on from where
+        // it was, and so does the position.
+        if (moved && seekTargetMs < durationMs) {
+            positionMs = seekTargetMs / 1000 * 1000;
+            lastPositionMs = positionMs;
+        }
+    }
+    if (moved) {
+        // Nothing from before the target reaches the card after this: what the piece being
+        // filled holds is forgotten, the output layer drops its pieces and the device's buffer
+        // (audio of this run only: a file's first seek leaves the previous file's tail), and
+        // the filters' audio goes with the old graph. The sleep timer gets back what it counted
+        // of the audio dropped.
+        creditDroppedAudio(fillingFrames, pushedThisRun);
+        fillingFrames = 0;
+        if (pushedThisRun)
+            alsa_output_drop();
+        if (reconfigure_filter_graph(formatCtx, audio) < 0)
+            throw FfmpegError("Failed to rebuild the filter graph");
+    }
+    // A resume that came while the seek was pending left the output paused until now.
+    if (state.load() == Playing)
+        alsa_output_pause(0);
+    return true;
 }
 
 void AudioEngine::announceStopInPass() {
@@ -658,6 +663,7 @@ int AudioEngine::pushFilledPiece() {
     if (!fillingPiece)
         return 0;
     fillingPiece->frames = fillingFrames;
+    pushedThisRun = true;
     const alsa_output_tag tag{pieceMediaUs, graphSpeed, mediaSerial};
     alsa_output_tag_piece(fillingPiece, &tag);
     const int result = push_output_buffer(fillingPiece);

@@ -160,9 +160,10 @@ bool AudioEngine::trimToSeekTarget(AVStream *audio, AVFrame *frame) {
     return true;
 }
 
-void AudioEngine::creditDroppedAudio(int unpushed) {
+void AudioEngine::creditDroppedAudio(int unpushed, bool queued) {
     alsa_output_position card{};
-    alsa_output_playing(&card); // fills queued_us in any case
+    if (queued)
+        alsa_output_playing(&card); // fills queued_us in any case
     sleepTimer.credit(unpushed +
                       std::max<int64_t>(card.queued_us, 0) * SleepTimer::kOutputRate / 1000000);
 }
