@@ -61,9 +61,13 @@ void AudioEngine::rewindAfterLongPause() {
     const int64_t back = rewindForPauseMs(steadyNowMs() - since);
     if (back == 0 || !mediaOpen.load())
         return;
+    alsa_output_position card{};
+    const bool heard = alsa_output_playing(&card) == 0 && card.source == mediaSerial &&
+                       card.media_us != ALSA_OUTPUT_NO_MEDIA;
     std::lock_guard<std::mutex> lock(engineMutex);
-    // From where the resume would start: a pending seek's target, else the position.
-    int64_t from = std::max<int64_t>(positionMs, 0);
+    // From where the resume would start: a pending seek's target, else where the card stopped
+    // (or the position).
+    int64_t from = heard ? card.media_us / 1000 : std::max<int64_t>(positionMs, 0);
     if (seekRequested)
         from = seekExactUs >= 0 ? seekExactUs / 1000 : seekTargetMs;
     const int64_t target = std::max<int64_t>(from - back, 0); // never before the file's start
