@@ -4,7 +4,8 @@
 #   1. start: PlayTrack to the first write at the card (MP3, M4A, FLAC, Ogg; no cover, a
 #      600x600 JPEG cover, a 3000x3000 PNG cover);
 #   2. seek: seekStream to 50 % of a 10-minute file while playing, to the first write of audio
-#      from there (plain MP3, M4A, FLAC; the MP3 as a deflated and a stored zip member);
+#      from there (plain MP3, M4A, FLAC; the MP3 as a deflated and a stored zip member); and
+#      pause: the audio the card still plays after pause();
 #   3. track change: the silence the card gets between the files of a three-file book;
 #   4. battery: CPU seconds, wake-ups (voluntary context switches) and peak RSS over 3 minutes
 #      of real-time playback;
@@ -157,6 +158,18 @@ if want 2; then
         [ "${f##*.}" != zip ] && t=$("$lb" tool-start "$tool_runs" $(tool -ss 300 -i "$path" -t 0.3))
         echo "| $f | $(val median_ms <<<"$e") | $(val worst_ms <<<"$e") | $(val median_ms <<<"$t") |" \
             "$(val worst_ms <<<"$t") |"
+    done
+    echo
+    echo "## 2b. Pause while playing: audio the card still played after pause() was called, ms (load $(load))"
+    echo
+    echo "Engine: pause() 1.5 s into playback, by the card's clock (frames heard, dropped ones"
+    echo "excepted), median and worst of $seek_runs."
+    echo
+    echo "| file | engine median | engine worst |"
+    echo "|---|---:|---:|"
+    for f in long.mp3 long.m4a long.flac; do
+        e=$("$lb" pause "$seek_runs" "$media/$f" 2>>"$log")
+        echo "| $f | $(val median_ms <<<"$e") | $(val worst_ms <<<"$e") |"
     done
     echo
 fi

@@ -5,6 +5,8 @@
 //   listen_bench seek RUNS TARGET_S FILE...  seekStream(TARGET_S) while playing to the first write
 //                                            of audio from the target (the media must be silent
 //                                            there and not silent at their start)
+//   listen_bench pause RUNS FILE...         pause() while playing: the audio the card still played
+//                                            after the call, by its clock
 //   listen_bench change RUNS LATE_MS FILE... a player plays FILE... as one book (Sequential); the
 //                                            silence the card got at each change of file (the
 //                                            application moves on LATE_MS after each end)
@@ -15,7 +17,7 @@
 //                                            its start to its first write; its silences
 //
 // The card plays at real time. Lines printed, per file or program:
-//   start|seek <name> median_ms=<m> worst_ms=<w> runs=<n>
+//   start|seek|pause <name> median_ms=<m> worst_ms=<w> runs=<n>
 //   change <k> <from> -> <to> silence_ms=<median> worst_ms=<w> opens=<device opens> runs=<n>
 #include <signal.h>
 #include <sys/wait.h>
@@ -211,6 +213,31 @@ int seekBench(int runs, int targetS, const std::vector<std::string> &files) {
     return 0;
 }
 
+int pauseBench(int runs, const std::vector<std::string> &files) {
+    IAudioEngine *engine = AudioEngine_CreateAudioEngine();
+    engine->setStateChangedCb([] {});
+    for (const std::string &file : files) {
+        std::vector<double> ms;
+        for (int r = 0; r < runs; ++r) {
+            freshCard();
+            if (engine->openFile(file) != 0 || engine->start() != 0)
+                break;
+            // Steady playing, at a different point of the output's cycle in each run.
+            sleepMs(1500 + 105 * r / runs);
+            const size_t before = vcard_heard_frames();
+            engine->pause();
+            sleepMs(1000);
+            const size_t after = vcard_heard_frames();
+            engine->stop();
+            engine->closeFile();
+            ms.push_back((after - before) * 1000.0 / 44100);
+        }
+        printSummary("pause", baseName(file), ms);
+    }
+    AudioEngine_DestroyAudioEngine(engine);
+    return 0;
+}
+
 // Silence the card ran dry for in [from, to), not counting the first write (nothing played
 // before it).
 double silenceMs(const std::vector<vcard_write> &writes, int64_t from, int64_t to) {
@@ -349,7 +376,8 @@ int toolChange(char **argv) {
 
 int usage() {
     fprintf(stderr, "usage: listen_bench start RUNS FILE... | seek RUNS TARGET_S FILE... |\n"
-                    "       change RUNS LATE_MS FILE... | play SECONDS FILE [paused] |\n"
+                    "       pause RUNS FILE... | change RUNS LATE_MS FILE... |\n"
+                    "       play SECONDS FILE [paused] |\n"
                     "       tool-start RUNS CMD... |"
                     "       tool-change CMD...\n");
     return 2;
@@ -370,6 +398,8 @@ int main(int argc, char **argv) {
     else if (mode == "seek" && rest.size() >= 2)
         rc = seekBench(n, atoi(rest[0].c_str()),
                        std::vector<std::string>(rest.begin() + 1, rest.end()));
+    else if (mode == "pause" && !rest.empty())
+        rc = pauseBench(n, rest);
     else if (mode == "change" && rest.size() >= 3)
         rc = changeBench(n, atoi(rest[0].c_str()),
                          std::vector<std::string>(rest.begin() + 1, rest.end()));

@@ -11,6 +11,7 @@
 #include "IAudioEngine.h"
 #include "IPlayer.h"
 #include "alsa_device.h"
+#include "alsa_output_internal.h"
 #include "test_support.h"
 #include "vcard.h"
 
@@ -136,6 +137,9 @@ TEST_F(AnswerAtOnce, PauseIsSilentAndResumeLosesAndRepeatsNothing) {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
         EXPECT_EQ(vcard_heard_frames(), still) << "sound after pause() returned";
         EXPECT_EQ(vcard_count_events("pause 1"), canPause);
+        alsa_output_position at{};
+        EXPECT_EQ(alsa_output_playing(&at), 0); // the media time the card stopped at
+        EXPECT_NEAR(at.media_us / 1e6, double(still) / kRate, 0.03);
         p->SetState(IPlayer::Playing);
         ASSERT_TRUE(finished());
         EXPECT_TRUE(heard() == through) << heard().size() << " samples heard of " << through.size();

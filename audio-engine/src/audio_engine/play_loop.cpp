@@ -543,6 +543,8 @@ int AudioEngine::sendToOutput(AVFrame *frame, bool yieldToSeek) {
             bool timedOut = false;
             bool outputStopped = false;
             for (int polls = 0; !piece; piece = get_output_buffer()) {
+                // A paused output takes no piece: the loop holds here as it would below.
+                holdWhilePaused();
                 if (state.load() == Stopped)
                     return 0;
                 if (yieldToSeek && seekPending())

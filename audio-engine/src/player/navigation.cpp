@@ -79,10 +79,11 @@ int Player::PlayTrack(int trackNum, int position, bool paused) {
 
     // A track chosen while one plays is heard at once: what the output still holds of the old
     // one is dropped. After a track's natural end its tail plays on (gapless chapters).
-    const bool playing = engine.getState() == Playing;
-    engine.closeFile();
-    if (playing)
+    if (engine.getState() == Playing) {
+        engine.stop();
         engine.dropQueuedAudio();
+    }
+    engine.closeFile();
     int rc = engine.openFile(filename);
     if (rc != 0) {
         qz_print_log2(2, kLogSource, 54,
