@@ -157,6 +157,8 @@ public:
     // An extension during the fade: what is queued plays again from the card's position, so
     // that the full level is heard at once.
     void replayFromCard();
+    // Caller holds engineMutex: a seek to where the card is gets its target (play thread).
+    void resolveSeekToCard();
     // A pause begins (the clock of the rewind after a long pause).
     void pauseBegins();
     // A long pause ends: with the rewind enabled, a seek a little before where playback stood.
@@ -258,7 +260,9 @@ public:
     std::mutex engineMutex;
     bool seekRequested; // guarded by engineMutex
     // Guarded by engineMutex: the exact target of a pending seek in microseconds (a stop of the
-    // sleep timer, a rewind), or -1: seekTargetMs's whole second.
+    // sleep timer, a rewind), or -1: seekTargetMs's whole second, or kSeekToCard: where the
+    // card is when the play thread carries the seek out.
+    static const int64_t kSeekToCard = -2;
     int64_t seekExactUs = -1;
     int seekTargetMs;       // guarded by engineMutex
     int64_t positionMs;     // guarded by engineMutex; -1 when none

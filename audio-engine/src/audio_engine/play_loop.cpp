@@ -422,6 +422,7 @@ bool AudioEngine::carryOutSeek(AVStream *audio) {
         std::lock_guard<std::mutex> lock(engineMutex);
         if (!seekRequested)
             return false;
+        resolveSeekToCard();
         const int64_t target =
             av_rescale_q(seekTargetMs / 1000, AVRational{1, 1}, audio->time_base);
         moved = av_seek_frame(formatCtx, audioStreamIndex, target, AVSEEK_FLAG_BACKWARD) >= 0;

@@ -87,8 +87,20 @@ void AudioEngine::replayFromCard() {
     std::lock_guard<std::mutex> lock(engineMutex);
     if (seekRequested)
         return;
-    const int64_t us = std::max<int64_t>(card.media_us, 0);
     seekRequested = true;
+    seekTargetMs = static_cast<int>(std::max<int64_t>(card.media_us, 0) / 1000);
+    seekExactUs = kSeekToCard; // read again as the play thread carries it out
+}
+
+void AudioEngine::resolveSeekToCard() {
+    if (seekExactUs != kSeekToCard)
+        return;
+    // Where the card is now: the drop that follows cuts the sound just after it.
+    alsa_output_position card{};
+    int64_t us = int64_t(seekTargetMs) * 1000; // where it was at the request
+    if (alsa_output_playing(&card) == 0 && card.source == mediaSerial &&
+        card.media_us != ALSA_OUTPUT_NO_MEDIA)
+        us = std::max<int64_t>(card.media_us, 0);
     seekTargetMs = static_cast<int>(us / 1000);
     seekExactUs = us;
 }
