@@ -12,6 +12,8 @@
 //   filter_graph.cpp   the tempo / rate / equaliser / output-format filter graph
 //   play_loop.cpp      the play thread and the transport operations
 //   extension.cpp      the handle of the listening features (AudioEngineExtension.h)
+//   sleep_engine.cpp   the sleep timer's stops in the play loop, the rewind after a long pause
+//   sleep_timer.cpp    the sleep timer's count and fade, the rewind rule
 #ifndef AUDIO_ENGINE_AUDIOENGINE_H
 #define AUDIO_ENGINE_AUDIOENGINE_H
 
@@ -31,6 +33,7 @@
 #include "IAudioEngineStream.h"
 #include "QzZipManager.h"
 #include "bitmap.h"
+#include "sleep_timer.h"
 
 extern "C" {
 struct AVCodecContext;
@@ -147,6 +150,24 @@ public:
     // Platform media-player state; BanSleep(4) precedes state 0.
     void set_mp_state(int s);
 
+    // --- Sleep timer and rewind after a pause (sleep_engine.cpp) --------------------------------
+    // start(), with the loop holding in Paused before its first audio: the player's next track
+    // after the sleep timer ended a track. 0 or -1 as start().
+    int startPaused();
+    // Whether the sleep timer ended the last track; reading clears it, and so does a start.
+    bool takeSleepEndedTrack();
+    // Playing time left before the timer pauses, -1 when off (application's thread).
+    int64_t sleepLeftMs();
+    // An extension during the fade: what is queued plays again from the card's position, so
+    // that the full level is heard at once.
+    void replayFromCard();
+    // Caller holds engineMutex: a seek to where the card is gets its target (play thread).
+    void resolveSeekToCard();
+    // A pause begins (the clock of the rewind after a long pause).
+    void pauseBegins();
+    // A long pause ends: with the rewind enabled, a seek a little before where playback stood.
+    void rewindAfterLongPause();
+
     // --- Media information (media_info.cpp, cover_art.cpp) -------------------------------------
     // Replaces metadata and chapters with what the open demuxer reports.
     void captureMetadata();
@@ -184,6 +205,23 @@ private:
     // What a pass's stop check, and a packet's end, report when they find the state Stopped.
     void announceStopInPass();
     void announceStopAtPacketEnd();
+
+    // Sleep timer and exact seeks (sleep_engine.cpp, play thread).
+    // False when `frame` lies wholly before an exact seek's target (drop it); otherwise the
+    // part before the target is cut off.
+    bool trimToSeekTarget(AVStream *audio, AVFrame *frame);
+    // A seek drops `unpushed` frames of the piece being filled and, with `queued`, the audio
+    // queued in the output: the sleep timer counted them as played, and gets them back.
+    void creditDroppedAudio(int unpushed, bool queued);
+    // The media time, in microseconds, of sample `index` of a filtered frame (-1: unknown).
+    int64_t outputMediaUs(const AVFrame *filtered, int index) const;
+    // With the timer armed for a chapter's end: whether the end of the chapter that playback
+    // was in when the timer was armed comes within `*count` samples of the filtered frame
+    // from sample `index`; *count is then cut to the samples before it.
+    bool chapterStopWithin(const AVFrame *filtered, int index, int *count);
+    // The timer pauses playback; the next resume starts exactly at `resumeUs` of media time
+    // (-1: where it stopped). Then notifies.
+    void sleepPause(int mode, int64_t resumeUs);
 
     // The output piece being filled and how many frames it holds (play thread only). Pieces
     // are pushed full: decoders of lossy formats hand out short frames, and a piece, with its
@@ -231,9 +269,14 @@ public:
     std::mutex engineMutex;
     std::condition_variable seekAsked; // with engineMutex: wakes the play loop's wait for a piece
     bool seekRequested;                // guarded by engineMutex
-    int seekTargetMs;                  // guarded by engineMutex
-    int64_t positionMs;                // guarded by engineMutex; -1 when none
-    int64_t lastPositionMs;            // guarded by engineMutex; reported while Finished
+    // Guarded by engineMutex: the exact target of a pending seek in microseconds (a stop of the
+    // sleep timer, a rewind), or -1: seekTargetMs's whole second, or kSeekToCard: where the
+    // card is when the play thread carries the seek out.
+    static const int64_t kSeekToCard = -2;
+    int64_t seekExactUs = -1;
+    int seekTargetMs;       // guarded by engineMutex
+    int64_t positionMs;     // guarded by engineMutex; -1 when none
+    int64_t lastPositionMs; // guarded by engineMutex; reported while Finished
 
     std::function<void()> trackPositionChangedCb;
     std::function<void()> stateChangedCb;
@@ -277,10 +320,27 @@ public:
     IAudioEngineStream *stream;    // not owned
     std::shared_ptr<tavrel::QzZipManager> zip_reader;
 
+    // Sleep timer and rewind after a long pause; the settings survive closes and opens.
+    SleepTimer sleepTimer;
+    std::atomic<bool> rewindEnabled{false};
+    std::atomic<int64_t> pausedAtMs{INT64_MIN}; // steady clock when the pause began, or none
+    std::atomic<bool> sleepEndedTrack{false};   // the timer ended the last track
+    std::atomic<int64_t> chapterStopUs{-1};     // the chapter end the timer waits for, -1: none
+    std::atomic<bool> holdAtStart{false};       // start() begins in Paused (startPaused)
+
 private:
     // The decoding of an attached picture, until getCover() has made `cover` of it.
     std::mutex coverMutex; // guards coverJob
     std::shared_ptr<CoverDecoder> coverJob;
+
+    // Play thread: the exact seek's target still to reach (INT64_MIN: none), the timer
+    // generation the chapter's end was found for, where the fade of a timed stop began (-1: not
+    // known), and a stop of the timer at the file's end.
+    int64_t trimBeforePts = INT64_MIN;
+    unsigned chapterStopGeneration = 0;
+    int64_t fadeStartUs = -1;
+    int sleepAtEnd = 0;
+
     std::mutex equalizerMutex; // guards equalizerSettings
     std::mutex infoMutex;      // guards metadata and chapters
     AVIOContext *zipIoCtx;     // custom I/O over the zip member, attached to formatCtx

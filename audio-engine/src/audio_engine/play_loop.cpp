@@ -40,6 +40,7 @@ const int kMaxPiecePolls = 500000;      // about 5000 s without a free piece
 const double kRebuildThreshold = 0.001; // smaller setting changes keep the current graph
 const int kOutputGone = -19;            // -ENODEV, as push_output_buffer reports it
 const int kSeekFirst = 1;               // sendToOutput left the rest of a frame for a seek
+const int kSleepFired = 2;              // the sleep timer ended within the frame and paused
 
 // Platform media-player states.
 const int kMpEnded = 0;
@@ -76,7 +77,8 @@ int AudioEngine::start() {
         return -1;
     }
     alsa_output_pause(0); // a new run never starts behind a paused output
-    state = Playing;
+    state = holdAtStart.load() ? Paused : Playing;
+    sleepEndedTrack = false;
     try {
         playThread = std::thread(&AudioEngine::playLoop, this);
     } catch (const std::system_error &e) {
@@ -104,6 +106,7 @@ int AudioEngine::pause() {
     int expected = Playing;
     if (!state.compare_exchange_strong(expected, Paused))
         return 0;
+    pauseBegins();
     // The card falls silent now, not when the queued audio has played out.
     alsa_output_pause(1);
     {
@@ -118,6 +121,9 @@ int AudioEngine::pause() {
 }
 
 int AudioEngine::resume() {
+    if (state.load() != Paused)
+        return 0;
+    rewindAfterLongPause(); // before the loop may go on
     int expected = Paused;
     if (!state.compare_exchange_strong(expected, Playing))
         return 0;
@@ -135,6 +141,7 @@ int AudioEngine::seekStream(int ms) {
     seekTargetMs = ms;
     seekRequested = true;
     seekAsked.notify_all();
+    seekExactUs = -1;
     const int s = state.load();
     if ((s == Stopped || s == Paused) && ms < durationMs)
         positionMs = ms;
@@ -198,6 +205,9 @@ void AudioEngine::playLoop() {
     fillingFrames = 0;
     graphOriginPending = true;
     pushedThisRun = false;
+    fadeStartUs = -1;
+    sleepAtEnd = AE_SLEEP_OFF;
+    chapterStopGeneration = 0;
 
     AVFrame *decoded = nullptr;
     AVFrame *filtered = nullptr;
@@ -233,6 +243,13 @@ void AudioEngine::playLoop() {
                 notifyPositionLocked();
             }
         }
+    }
+    if (sleepAtEnd != AE_SLEEP_OFF && state.load() == Finished) {
+        // The timer ended the track: told before the state, so that a player can move on to
+        // the next track and hold it.
+        sleepEndedTrack = true;
+        chapterStopUs = -1;
+        sleepTimer.fire(sleepAtEnd);
     }
     notifyState();
     AE_LOG(4, "%s", "exiting PlayLoop");
@@ -311,6 +328,10 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
                 announceStopAtPacketEnd();
                 return;
             }
+            // A stop at the end of the chapter or track arrives with the end of the file.
+            const int mode = sleepTimer.mode();
+            if (mode == AE_SLEEP_END_OF_CHAPTER || mode == AE_SLEEP_END_OF_TRACK)
+                sleepAtEnd = mode;
             // Paused with the last audio held by the output: the media ends when it has been
             // heard, after the resume.
             holdWhilePaused();
@@ -337,6 +358,10 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
             if (received < 0)
                 throw FfmpegError("Failed to avcodec_receive_frame");
 
+            if (!trimToSeekTarget(audio, decoded)) {
+                av_frame_unref(decoded); // before an exact seek's target
+                continue;
+            }
             if (feedGraph(audio, decoded) < 0)
                 throw FfmpegError("Failed to av_buffersrc_write_frame");
 
@@ -358,6 +383,10 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
                     break;
                 }
                 outputPass = true;
+                if (sent == kSleepFired) {
+                    av_frame_unref(filtered); // after the stop: the resume seeks back to it
+                    break;
+                }
                 if (sent == kSeekFirst) {
                     // The rest of this audio is from before the seek, which is carried out now
                     // instead of after the next free piece; the graph's rest goes with it.
@@ -403,6 +432,7 @@ bool AudioEngine::carryOutSeek(AVStream *audio) {
         std::lock_guard<std::mutex> lock(engineMutex);
         if (!seekRequested)
             return false;
+        resolveSeekToCard();
         const int64_t target =
             av_rescale_q(seekTargetMs / 1000, AVRational{1, 1}, audio->time_base);
         moved = av_seek_frame(formatCtx, audioStreamIndex, target, AVSEEK_FLAG_BACKWARD) >= 0;
@@ -410,6 +440,12 @@ bool AudioEngine::carryOutSeek(AVStream *audio) {
             AE_LOG(2, "%s", "Failed to av_seek_frame");
         avcodec_flush_buffers(decoderCtx);
         seekRequested = false;
+        // An exact target: what the decoder delivers before it is cut off.
+        trimBeforePts = moved && seekExactUs >= 0
+                            ? av_rescale_q(seekExactUs, AVRational{1, 1000000}, audio->time_base)
+                            : INT64_MIN;
+        seekExactUs = -1;
+        chapterStopGeneration = 0; // the chapter of the target, when the timer waits for one
         // The position is the target from now on, not what the filters still hold from before
         // the seek (a target past the end lands at the end). A failed seek plays on from where
         // it was, and so does the position.
@@ -422,7 +458,9 @@ bool AudioEngine::carryOutSeek(AVStream *audio) {
         // Nothing from before the target reaches the card after this: what the piece being
         // filled holds is forgotten, the output layer drops its pieces and the device's buffer
         // (audio of this run only: a file's first seek leaves the previous file's tail), and
-        // the filters' audio goes with the old graph.
+        // the filters' audio goes with the old graph. The sleep timer gets back what it counted
+        // of the audio dropped.
+        creditDroppedAudio(fillingFrames, pushedThisRun);
         fillingFrames = 0;
         if (pushedThisRun)
             alsa_output_drop();
@@ -541,6 +579,8 @@ int AudioEngine::sendToOutput(AVFrame *frame, bool yieldToSeek) {
             holdWhilePaused();
             if (state.load() == Stopped)
                 return 0;
+            if (yieldToSeek && seekPending())
+                return kSeekFirst; // set while paused (a rewind): the target goes first
             if (timedOut) {
                 AE_LOG(2, "%s", "Alsa buffer error");
                 return kOutputGone;
@@ -555,7 +595,9 @@ int AudioEngine::sendToOutput(AVFrame *frame, bool yieldToSeek) {
             pieceMediaUs = mediaTimeUs(graphFramesOut + done, frame->sample_rate);
 
         const int room = capacity - fillingFrames;
-        const int count = total - done < room ? total - done : room;
+        int count = total - done < room ? total - done : room;
+        // A stop of the sleep timer at a chapter's end: only what comes before it goes out.
+        const bool chapterEnds = chapterStopWithin(frame, done, &count);
         uint8_t *out = fillingPiece->data + static_cast<size_t>(fillingFrames) * bytesPerFrame;
 
         if (channels == 2 && !planar) {
@@ -582,8 +624,32 @@ int AudioEngine::sendToOutput(AVFrame *frame, bool yieldToSeek) {
             AE_LOG(2, "%s", "Unsupported channels no");
             memset(out, 0, static_cast<size_t>(count) * bytesPerFrame);
         }
-        fillingFrames += count;
-        done += count;
+        // The sleep timer counts what goes out and fades the end of a timed stop.
+        bool sleepEnds = false;
+        int fadeBegins = -1;
+        const int kept =
+            size == 2
+                ? sleepTimer.shape(reinterpret_cast<int16_t *>(
+                                       fillingPiece->data + size_t(fillingFrames) * bytesPerFrame),
+                                   count, &sleepEnds, &fadeBegins)
+                : count;
+        if (fadeBegins >= 0)
+            fadeStartUs = outputMediaUs(frame, done + fadeBegins);
+        fillingFrames += kept;
+        done += kept;
+        if (sleepEnds || chapterEnds) {
+            if (pushFilledPiece() == kOutputGone)
+                return kOutputGone;
+            // The next resume starts where the fade began (at the full level) or exactly at
+            // the chapter's end.
+            if (sleepEnds) // without a fade, where it stopped
+                sleepPause(AE_SLEEP_AFTER_TIME,
+                           fadeStartUs >= 0 ? fadeStartUs : outputMediaUs(frame, done));
+            else
+                sleepPause(AE_SLEEP_END_OF_CHAPTER, chapterStopUs.load());
+            graphFramesOut += total; // the rest of the frame is not played
+            return kSleepFired;
+        }
 
         if (fillingFrames == capacity) {
             const int pushed = pushFilledPiece();
