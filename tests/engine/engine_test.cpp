@@ -276,14 +276,15 @@ TEST_F(EngineTest, TagsChaptersAndCoverFollowTheOpens) {
                  {nullptr, 0, 5, 3, 0, 0, 1, 0},
                  {"not_audio.mp3", -1, 5, 3, 0, 0, 1, 0},
                  {"tags_video_only.mkv", -1, 3, 0, 0, 0, 1, 0},
-                 {"cover_jpeg_3s.mp3", 0, 0, 0, 64, 48, 1, 12},
-                 {"marked_3s.mp3", 0, 0, 0, 0, 0, 1, 0},
+                 // No tags in the container: the audio stream's (its LAME header's encoder).
+                 {"cover_jpeg_3s.mp3", 0, 1, 0, 64, 48, 1, 12},
+                 {"marked_3s.mp3", 0, 1, 0, 0, 0, 1, 0},
                  {"cover_png_3s.flac", 0, 0, 0, 64, 48, 0, 0},
                  {nullptr, 0, 0, 0, 0, 0, 1, 0},
                  {"cover_png_3s.flac", 0, 0, 0, 64, 48, 1, 0},
                  {"no_such_file.mp3", -1, 0, 0, 0, 0, 1, 0},
-                 {"cover_odd_3s.mp3", 0, 0, 0, 37, 23, 1, 0},
-                 {"cover_odd_3s.mp3", 0, 0, 0, 37, 23, 0, 0}};
+                 {"cover_odd_3s.mp3", 0, 1, 0, 37, 23, 1, 0},
+                 {"cover_odd_3s.mp3", 0, 1, 0, 37, 23, 0, 0}};
     const int rgbs[5][3] = {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {255, 255, 255}, {51, 102, 153}};
     for (const auto &s : steps) {
         SCOPED_TRACE(s.file ? s.file : "close");
