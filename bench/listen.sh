@@ -198,7 +198,7 @@ fi
 if want 4; then
     echo "## 4. Battery: $battery_s s of real-time playback, per hour of audio (load $(load))"
     echo
-    echo "All nine programs run at once (they are paced by the card and mostly sleep). CPU: user +"
+    echo "All the programs run at once (they are paced by the card and mostly sleep). CPU: user +"
     echo "system seconds of the whole process; wake-ups: voluntary context switches (/usr/bin/time)."
     echo "Then the engine held paused for the same time (the cost of its 10 ms polling), with skip"
     echo "silence at the natural level (against the engine with it off: the stage's own cost; the"
