@@ -2,12 +2,13 @@
 // stages), that shortens long pauses and keeps the short ones.
 //
 // The audio is classified in blocks of 10 ms of media time. A block is a pause when its level
-// is below a threshold that follows the recording: 30 dB under the recent voice peaks, and no
-// more than 12 dB over the recent noise floor (whichever is lower), never above -70 dBFS's
-// floor. A pause plays its first part at once; the rest is held back until the pause is known
-// to be longer than the level's minimum gap. A longer pause keeps only its first and last part
-// (together the level's kept length), joined by a short crossfade so the cut makes no click.
-// Pauses at most the minimum gap long play whole, so sentence pauses stay as they were.
+// is below a threshold that follows the recording: 30 dB under the recent voice peaks, or, when
+// that is lower, 12 dB over the recent noise floor; anything under -70 dBFS is a pause. A pause
+// plays its first half-kept-length at once; the rest is held back until the pause is known to
+// be longer than the level's minimum gap (natural 0.5 s, strong 0.25 s). A longer pause keeps
+// only its first and last part (together natural 0.25 s, strong 0.15 s), joined by a 10 ms
+// crossfade so the cut makes no click. Pauses up to the minimum gap play whole, so sentence
+// pauses stay as they were.
 //
 // Each frame handed on carries, as its best-effort timestamp, the media time of its first
 // sample (so positions stay in the book's time) and a pts that runs on without gaps (so the
