@@ -4,6 +4,7 @@
 #include "engine_log.h"
 #include "ffmpeg_error.h"
 #include "picture_header.h"
+#include "silence_skip.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -44,6 +45,7 @@ int AudioEngine::openFileInt(const std::string &path, AVIOContext *io) {
     }
     static std::atomic<int32_t> opens{0};
     mediaSerial = ++opens; // names this media in the output layer's tags
+    skipper->restart();    // time saved counts from the open; the levels are learnt anew
     try {
         if (formatCtx)
             cleanup();
@@ -125,6 +127,7 @@ void AudioEngine::cleanup() {
 void AudioEngine::releaseMedia() {
     decoderOpen = false;
     free_filter_graph();
+    free_level_graph();
     avcodec_free_context(&decoderCtx);
     avcodec_free_context(&coverDecoderCtx);
     avformat_close_input(&formatCtx);

@@ -7,6 +7,7 @@
 #include "engine_log.h"
 #include "ffmpeg_error.h"
 #include "mp_state.h"
+#include "silence_skip.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -257,7 +258,8 @@ void AudioEngine::playLoop() {
 
 bool AudioEngine::graphNeedsRebuild() const {
     return std::fabs(graphSampleRateMultiplier - sampleRateMultiplier.load()) > kRebuildThreshold ||
-           std::fabs(graphTempo - tempo.load()) > kRebuildThreshold || equalizerChanged.load();
+           std::fabs(graphTempo - tempo.load()) > kRebuildThreshold || equalizerChanged.load() ||
+           skipSilence.load() != graphSkipSilence || voiceLevel.load() != graphVoiceLevel;
 }
 
 // A stream may change its rate, sample format or layout midway (parts joined into one file);
@@ -273,22 +275,41 @@ int AudioEngine::feedGraph(AVStream *audio, AVFrame *decoded) {
         av_frame_unref(decoded);
         throw FfmpegError("Failed to rebuild the filter graph");
     }
+    // Skip silence works on the decoded audio, before the tempo stages: pauses are measured
+    // in the book's time whatever the speed. Switched off, it still hands on what it holds;
+    // switched on again, it starts a new timeline from the audio it gets (it keeps its levels).
+    AVFrame *toGraph = decoded;
+    const bool skipping = graphSkipSilence != 0 || skipper->holding();
+    if (skipping) {
+        if (skipperIdle)
+            skipper->reset();
+        skipperIdle = false;
+        toGraph = skipper->process(decoded, graphSkipSilence, audio->time_base);
+        av_frame_unref(decoded);
+        if (!toGraph)
+            return 0;
+    } else {
+        skipperIdle = true;
+    }
     if (graphOriginPending) {
-        // A new graph: its output starts at this frame's media time. The piece being filled is
-        // handed over as it is, so that each piece holds audio of one graph (one speed).
+        // A new graph: its output starts at this frame's time. The piece being filled is
+        // handed over as it is, so that each piece holds audio of one graph (one speed). Behind
+        // skip silence that is the stage's gapless time, which mediaTimeUs() maps back to the
+        // book's.
         if (fillingFrames > 0)
             pushFilledPiece(); // an output that has gone is noticed at the next piece
-        const int64_t ts = decoded->best_effort_timestamp != AV_NOPTS_VALUE
-                               ? decoded->best_effort_timestamp
-                               : decoded->pts;
+        const int64_t ts = skipping || toGraph->best_effort_timestamp == AV_NOPTS_VALUE
+                               ? toGraph->pts
+                               : toGraph->best_effort_timestamp;
         graphOriginUs = ts == AV_NOPTS_VALUE
                             ? ALSA_OUTPUT_NO_MEDIA
                             : av_rescale_q(ts, audio->time_base, AVRational{1, 1000000});
+        graphOriginSkipped = skipping;
         graphFramesOut = 0;
         graphOriginPending = false;
     }
-    const int written = av_buffersrc_write_frame(abufferCtx, decoded);
-    av_frame_unref(decoded);
+    const int written = av_buffersrc_write_frame(abufferCtx, toGraph);
+    av_frame_unref(toGraph);
     return written;
 }
 
@@ -369,7 +390,7 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
             bool havePosition = false;
             int64_t lastTimestamp = 0;
             for (;;) {
-                const int pulled = av_buffersink_get_frame(abuffersinkCtx, filtered);
+                const int pulled = pullFiltered(filtered);
                 if (pulled == AVERROR(EAGAIN) || pulled == AVERROR_EOF)
                     break;
                 if (pulled < 0) {
@@ -459,7 +480,8 @@ bool AudioEngine::carryOutSeek(AVStream *audio) {
         // filled holds is forgotten, the output layer drops its pieces and the device's buffer
         // (audio of this run only: a file's first seek leaves the previous file's tail), and
         // the filters' audio goes with the old graph. The sleep timer gets back what it counted
-        // of the audio dropped.
+        // of the audio dropped. Skip silence drops what it holds and keeps the levels it learnt.
+        skipper->reset();
         creditDroppedAudio(fillingFrames, pushedThisRun);
         fillingFrames = 0;
         if (pushedThisRun)
@@ -508,8 +530,14 @@ bool AudioEngine::drainAtEndOfMedia(AVFrame *decoded, AVFrame *filtered) {
                 break;
         }
     }
+    if (AVFrame *rest = skipper->flush()) {
+        const int written = av_buffersrc_write_frame(abufferCtx, rest);
+        av_frame_unref(rest);
+        if (written < 0)
+            AE_LOG(2, "%s", "Failed to av_buffersrc_write_frame");
+    }
     if (av_buffersrc_add_frame(abufferCtx, nullptr) >= 0) {
-        while (state.load() != Stopped && av_buffersink_get_frame(abuffersinkCtx, filtered) >= 0) {
+        while (state.load() != Stopped && pullFiltered(filtered) >= 0) {
             const int sent = sendToOutput(filtered);
             av_frame_unref(filtered);
             if (sent == kOutputGone) {
@@ -664,8 +692,9 @@ int AudioEngine::sendToOutput(AVFrame *frame, bool yieldToSeek) {
 int64_t AudioEngine::mediaTimeUs(int64_t framesOut, int rate) const {
     if (graphOriginUs == ALSA_OUTPUT_NO_MEDIA || rate <= 0)
         return ALSA_OUTPUT_NO_MEDIA;
-    return graphOriginUs +
-           static_cast<int64_t>(static_cast<double>(framesOut) * graphSpeed * 1e6 / rate);
+    const int64_t us = graphOriginUs + static_cast<int64_t>(static_cast<double>(framesOut) *
+                                                            graphSpeed * 1e6 / rate);
+    return graphOriginSkipped ? skipper->mediaUs(us) : us;
 }
 
 bool AudioEngine::seekPending() {
