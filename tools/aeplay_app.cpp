@@ -44,6 +44,7 @@ int App::run() {
     if (!options_.eq.empty())
         player_->setEqualizerSettings(options_.eq);
 
+    findPlaceFile();
     start();
     while (!quit_) {
         pollfd fds[2] = {{events().fd(), POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
@@ -67,10 +68,16 @@ int App::run() {
             for (size_t pos = 0; pos < keys.size() && !quit_;)
                 handleKey(keys, &pos);
         }
-        if (!quit_)
+        if (!quit_) {
+            keepPlace(false);
             refresh();
+        }
     }
 
+    if (listEnded_)
+        forget_place(placePath_); // played to the end: the next run starts afresh
+    else
+        keepPlace(true);
     // Rule 4: stop (joins the play thread; callbacks may still fire during it), then detach.
     player_->SetState(IPlayer::Stopped);
     player_->setCb(nullptr);
@@ -81,17 +88,21 @@ int App::run() {
     return exitCode_;
 }
 
-// Starts the first playable entry: the first of the list (at --start), or a random one when
-// shuffling.
+// Starts where the book was left, else the first playable entry: the first of the list (at
+// --start), or a random one when shuffling.
 void App::start() {
-    if (options_.mode == IPlayer::Shuffle) {
+    int first = 0;
+    int position = options_.start;
+    const bool resumed = resumePlace(&first, &position);
+    if (options_.mode == IPlayer::Shuffle && !resumed) {
         move(Move::Next);
         if (!quit_ && options_.start > 0)
             player_->SetTrackPosition(options_.start);
         return;
     }
-    for (size_t i = 0; i < paths_.size(); ++i) {
-        if (player_->PlayTrack(static_cast<int>(i), i == 0 ? options_.start : -1, false) == 0 &&
+    for (size_t i = static_cast<size_t>(first); i < paths_.size(); ++i) {
+        if (player_->PlayTrack(static_cast<int>(i), static_cast<int>(i) == first ? position : -1,
+                               false) == 0 &&
             started()) {
             trackStarted();
             return;
@@ -162,6 +173,7 @@ void App::trackStarted() {
         chapter.title = printable(chapter.title);
     lastChapter_ = -1;
     announceTrack();
+    keepPlace(true);
 }
 
 // After OnStateChanged: read the state here, on the main thread, and act on it.
@@ -173,6 +185,7 @@ void App::handleState() {
             if (!statusLine_)
                 std::printf("end of the list\n");
             quit_ = true; // Sequential mode after the last track
+            listEnded_ = true;
         }
         break;
     case IPlayer::Stopped:

@@ -16,12 +16,14 @@
 //     then deinit_alsa_output() so the sound device is closed (and a WAV file finalised).
 #pragma once
 
+#include <chrono>
 #include <cstdio>
 #include <string>
 #include <vector>
 
 #include "IPlayer.h"
 #include "aeplay_options.h"
+#include "aeplay_resume.h"
 
 namespace aeplay {
 
@@ -47,6 +49,10 @@ private:
     void trackStarted();
     void handleState();
     int currentChapter(int position) const;
+    // aeplay_place.cpp: where the book was left.
+    void findPlaceFile();
+    bool resumePlace(int *track, int *position);
+    void keepPlace(bool now);
     // aeplay_keys.cpp
     void handleKey(const std::string &keys, size_t *pos);
     void seekBy(int seconds);
@@ -74,6 +80,16 @@ private:
     std::vector<tavrel::audio::AudioBook::Chapter> chapters_;
     int lastChapter_ = -1;
     std::string shownStatus_;
+
+    // The state file of these inputs (empty: the place is not kept), the entries' absolute
+    // paths as it names them, and what was last written to it.
+    std::string placePath_;
+    std::string identity_;
+    std::vector<std::string> files_;
+    Place kept_;
+    std::chrono::steady_clock::time_point keptAt_;
+    bool placeFailed_ = false; // a write failed (reported once)
+    bool listEnded_ = false;
 };
 
 } // namespace aeplay
