@@ -74,20 +74,28 @@ AE_EXPORT int ae_ext_set_voice_level(struct ae_ext *ext, int level);
 AE_EXPORT int ae_ext_get_voice_level(struct ae_ext *ext);
 
 // --- Sleep timer ---------------------------------------------------------------------------
-// Called on the engine's play thread when the timer has paused playback. `mode` is the
-// ae_sleep_mode that fired. Must not call start(), stop(), closeFile() or an open.
+// Called on the engine's play thread when the timer has acted, with the timer already off.
+// `mode` is the ae_sleep_mode that fired. A timed or chapter stop has paused playback (the
+// state callback follows on the same thread); a track end comes just before the state
+// Finished (a player then holds the next track paused at its start once the application calls
+// HandlePlayerStateChanged). Must not call start(), stop(), closeFile() or an open.
 typedef void (*ae_sleep_fired_cb)(void *user, int mode);
 
 // Arms the timer (enum ae_sleep_mode; `ms` is the playing time for AE_SLEEP_AFTER_TIME and is
-// ignored otherwise) or, with AE_SLEEP_OFF, cancels it. 0, or -1 for a bad mode or time.
-// The timer counts playing time only.
+// ignored otherwise) or, with AE_SLEEP_OFF, cancels it. 0, or -1 for a bad mode or a time that
+// is not positive. The timer counts playing time only. A timed stop fades out over the fade
+// length and pauses; the next resume starts where the fade began, at the full level. A chapter
+// stop pauses exactly at the container's end of the chapter playing now (a file without
+// chapters: at its end), without a fade; the resume goes on from there.
 AE_EXPORT int ae_ext_set_sleep_timer(struct ae_ext *ext, int mode, int64_t ms);
 // The armed mode, AE_SLEEP_OFF when none.
 AE_EXPORT int ae_ext_get_sleep_mode(struct ae_ext *ext);
-// Playing time left before the timer pauses, in milliseconds; -1 when off.
+// Playing time left before the timer acts, in milliseconds (a chapter or track stop: the media
+// time left at the current tempo and rate); -1 when off.
 AE_EXPORT int64_t ae_ext_sleep_left_ms(struct ae_ext *ext);
 // Adds `ms` of playing time to an armed timer (a timed stop; a chapter or track stop becomes a
-// timed stop of what is left plus `ms`). During the fade it restores the level at once. 0 or -1.
+// timed stop of what is left plus `ms`). During the fade the level is full again from the next
+// audio handed to the output. 0, or -1 when nothing is armed or `ms` is not positive.
 AE_EXPORT int ae_ext_extend_sleep_timer(struct ae_ext *ext, int64_t ms);
 // The fade of a timed stop, in milliseconds (default 10000, 0 for none): 0 or -1.
 AE_EXPORT int ae_ext_set_sleep_fade_ms(struct ae_ext *ext, int64_t ms);
@@ -96,12 +104,14 @@ AE_EXPORT int64_t ae_ext_get_sleep_fade_ms(struct ae_ext *ext);
 AE_EXPORT void ae_ext_set_sleep_callback(struct ae_ext *ext, ae_sleep_fired_cb cb, void *user);
 
 // --- Rewind after a long pause ------------------------------------------------------------
-// When enabled (1), a resume after a pause of more than a minute starts a little earlier. 0/-1.
+// When enabled (1), a resume after a pause of more than a minute (by the application or by the
+// sleep timer) starts a little earlier, by ae_ext_rewind_for_pause_ms, never before the start
+// of the file. 0, or -1 for a value other than 0 and 1.
 AE_EXPORT int ae_ext_set_rewind_after_pause(struct ae_ext *ext, int enabled);
 AE_EXPORT int ae_ext_get_rewind_after_pause(struct ae_ext *ext);
 // The rewind, in milliseconds, for a pause of `pausedMs`: 0 up to a minute, then growing
-// (3 s after a minute, 10 s after an hour, 20 s after a day). For applications that resume
-// across runs (a book reopened the next day).
+// smoothly (3 s after a minute, 10 s after an hour, 20 s after a day and beyond). For
+// applications that resume across runs (a book reopened the next day).
 AE_EXPORT int64_t ae_ext_rewind_for_pause_ms(int64_t pausedMs);
 
 // --- Cover ---------------------------------------------------------------------------------

@@ -219,3 +219,16 @@ fi
 
 # --- The corpus of real-world file shapes ------------------------------------------------------
 . "$here/generate_corpus.sh"
+
+# --- Sleep timer ------------------------------------------------------------------------------
+# Steps: the tone rises by 100 Hz every second, 300 Hz to 1000 Hz, so the time can be heard.
+make steps_8s.wav -f lavfi \
+    -i "aevalsrc=exprs=0.25*sin(2*PI*t*(300+100*floor(t))):c=stereo:s=44100:d=8" \
+    -c:a pcm_s16le -f wav
+# Three chapters whose bounds are not whole seconds (FLAC's chapter comments, ms), each with its
+# own tone: 1000 Hz to 1.234 s, 2000 Hz to 2.567 s, then 500 Hz to the end at 4 s.
+make_tagged chapters_tones_4s.flac -f lavfi \
+    -i "aevalsrc=exprs=0.25*sin(2*PI*t*if(lt(t\,1.234)\,1000\,if(lt(t\,2.567)\,2000\,500))):c=stereo:s=44100:d=4" \
+    -map_metadata -1 -metadata CHAPTER000=00:00:00.000 -metadata CHAPTER001=00:00:01.234 \
+    -metadata CHAPTER002=00:00:02.567 -c:a flac -f flac
+make chapters_tones_4s.wav -i chapters_tones_4s.flac -c:a pcm_s16le -f wav

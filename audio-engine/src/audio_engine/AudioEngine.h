@@ -10,6 +10,8 @@
 //   filter_graph.cpp   the tempo / rate / equaliser / output-format filter graph
 //   play_loop.cpp      the play thread and the transport operations
 //   extension.cpp      the handle of the listening features (AudioEngineExtension.h)
+//   sleep_engine.cpp   the sleep timer's stops in the play loop, the rewind after a long pause
+//   sleep_timer.cpp    the sleep timer's count and fade, the rewind rule
 #ifndef AUDIO_ENGINE_AUDIOENGINE_H
 #define AUDIO_ENGINE_AUDIOENGINE_H
 
@@ -28,6 +30,7 @@
 #include "IAudioEngineStream.h"
 #include "QzZipManager.h"
 #include "bitmap.h"
+#include "sleep_timer.h"
 
 extern "C" {
 struct AVCodecContext;
@@ -140,6 +143,19 @@ public:
     // Platform media-player state; BanSleep(4) precedes state 0.
     void set_mp_state(int s);
 
+    // --- Sleep timer and rewind after a pause (sleep_engine.cpp) --------------------------------
+    // start(), with the loop holding in Paused before its first audio: the player's next track
+    // after the sleep timer ended a track. 0 or -1 as start().
+    int startPaused();
+    // Whether the sleep timer ended the last track; reading clears it, and so does a start.
+    bool takeSleepEndedTrack();
+    // Playing time left before the timer pauses, -1 when off (application's thread).
+    int64_t sleepLeftMs();
+    // A pause begins (the clock of the rewind after a long pause).
+    void pauseBegins();
+    // A long pause ends: with the rewind enabled, a seek a little before where playback stood.
+    void rewindAfterLongPause();
+
     // --- Media information (media_info.cpp, cover_art.cpp) -------------------------------------
     // Replaces metadata and chapters with what the open demuxer reports.
     void captureMetadata();
@@ -173,6 +189,20 @@ private:
     void announceStopInPass();
     void announceStopAtPacketEnd();
 
+    // Sleep timer and exact seeks (sleep_engine.cpp, play thread).
+    // False when `frame` lies wholly before an exact seek's target (drop it); otherwise the
+    // part before the target is cut off.
+    bool trimToSeekTarget(AVStream *audio, AVFrame *frame);
+    // The media time, in microseconds, of sample `index` of a filtered frame (-1: unknown).
+    int64_t outputMediaUs(const AVFrame *filtered, int index) const;
+    // With the timer armed for a chapter's end: whether the end of the chapter that playback
+    // was in when the timer was armed comes within `*count` samples of the filtered frame
+    // from sample `index`; *count is then cut to the samples before it.
+    bool chapterStopWithin(const AVFrame *filtered, int index, int *count);
+    // The timer pauses playback; the next resume starts exactly at `resumeUs` of media time
+    // (-1: where it stopped). Then notifies.
+    void sleepPause(int mode, int64_t resumeUs);
+
     // The output piece being filled and how many frames it holds (play thread only). Pieces
     // are pushed full: decoders of lossy formats hand out short frames, and a piece, with its
     // wake-up of the output thread, for each would cost more than the filtering.
@@ -202,7 +232,10 @@ public:
     // may call into the engine does. An FFmpeg seek (and the I/O callbacks it drives) runs
     // under it.
     std::mutex engineMutex;
-    bool seekRequested;     // guarded by engineMutex
+    bool seekRequested; // guarded by engineMutex
+    // Guarded by engineMutex: the exact target of a pending seek in microseconds (a stop of the
+    // sleep timer, a rewind), or -1: seekTargetMs's whole second.
+    int64_t seekExactUs = -1;
     int seekTargetMs;       // guarded by engineMutex
     int64_t positionMs;     // guarded by engineMutex; -1 when none
     int64_t lastPositionMs; // guarded by engineMutex; reported while Finished
@@ -248,7 +281,26 @@ public:
     IAudioEngineStream *stream;    // not owned
     std::shared_ptr<tavrel::QzZipManager> zip_reader;
 
+    // Sleep timer and rewind after a long pause; the settings survive closes and opens.
+    SleepTimer sleepTimer;
+    std::atomic<bool> rewindEnabled{false};
+    std::atomic<int64_t> pausedAtMs{INT64_MIN}; // steady clock when the pause began, or none
+    std::atomic<bool> sleepEndedTrack{false};   // the timer ended the last track
+    std::atomic<int64_t> outputUs{0};           // media time of the audio handed out last
+    std::atomic<int64_t> chapterStopUs{-1};     // the chapter end the timer waits for, -1: none
+    std::atomic<bool> holdAtStart{false};       // start() begins in Paused (startPaused)
+
 private:
+    // Play thread: the exact seek's target still to reach (INT64_MIN: none), the media time of
+    // the first audio fed to the graph since it was built (its output's time 0 at its speed),
+    // the timer generation the chapter's end was found for, where the fade of a timed stop
+    // began (-1: not known), and a stop of the timer at the file's end.
+    int64_t trimBeforePts = INT64_MIN;
+    int64_t graphStartUs = INT64_MIN;
+    unsigned chapterStopGeneration = 0;
+    int64_t fadeStartUs = -1;
+    int sleepAtEnd = 0;
+
     std::mutex equalizerMutex; // guards equalizerSettings
     std::mutex infoMutex;      // guards metadata and chapters
     AVIOContext *zipIoCtx;     // custom I/O over the zip member, attached to formatCtx

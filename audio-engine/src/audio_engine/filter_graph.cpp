@@ -93,6 +93,7 @@ int AudioEngine::rebuild_for_frame(AVFormatContext *format, AVStream *audio, con
 }
 
 int AudioEngine::build_filter_graph(AVStream *audio) {
+    graphStartUs = INT64_MIN;
     filterGraph = avfilter_graph_alloc();
     if (!filterGraph) {
         AE_LOG(2, "%s", "unable to create filter graph: out of memory");

@@ -34,6 +34,7 @@ const int kMaxPiecePolls = 500000;      // about 5000 s without a free piece
 const double kRebuildThreshold = 0.001; // smaller setting changes keep the current graph
 const int kOutputGone = -19;            // -ENODEV, as push_output_buffer reports it
 const int kSeekFirst = 1;               // sendToOutput left the rest of a frame for a seek
+const int kSleepFired = 2;              // the sleep timer ended within the frame and paused
 
 // Platform media-player states.
 const int kMpEnded = 0;
@@ -67,7 +68,8 @@ int AudioEngine::start() {
         AE_LOG(2, "%s", "File is not opened");
         return -1;
     }
-    state = Playing;
+    state = holdAtStart.load() ? Paused : Playing;
+    sleepEndedTrack = false;
     try {
         playThread = std::thread(&AudioEngine::playLoop, this);
     } catch (const std::system_error &e) {
@@ -91,6 +93,7 @@ int AudioEngine::pause() {
     int expected = Playing;
     if (!state.compare_exchange_strong(expected, Paused))
         return 0;
+    pauseBegins();
     {
         std::lock_guard<std::mutex> lock(engineMutex);
         if (seekRequested && seekTargetMs < durationMs) {
@@ -103,6 +106,9 @@ int AudioEngine::pause() {
 }
 
 int AudioEngine::resume() {
+    if (state.load() != Paused)
+        return 0;
+    rewindAfterLongPause(); // before the loop may go on
     int expected = Paused;
     if (!state.compare_exchange_strong(expected, Playing))
         return 0;
@@ -118,6 +124,7 @@ int AudioEngine::seekStream(int ms) {
     }
     seekTargetMs = ms;
     seekRequested = true;
+    seekExactUs = -1;
     const int s = state.load();
     if ((s == Stopped || s == Paused) && ms < durationMs)
         positionMs = ms;
@@ -179,6 +186,9 @@ void AudioEngine::playLoop() {
     init_alsa_output();
     fillingPiece = nullptr; // a piece left unpushed by an earlier run is simply filled again
     fillingFrames = 0;
+    fadeStartUs = -1;
+    sleepAtEnd = AE_SLEEP_OFF;
+    chapterStopGeneration = 0;
 
     AVFrame *decoded = nullptr;
     AVFrame *filtered = nullptr;
@@ -215,6 +225,13 @@ void AudioEngine::playLoop() {
             }
         }
     }
+    if (sleepAtEnd != AE_SLEEP_OFF && state.load() == Finished) {
+        // The timer ended the track: told before the state, so that a player can move on to
+        // the next track and hold it.
+        sleepEndedTrack = true;
+        chapterStopUs = -1;
+        sleepTimer.fire(sleepAtEnd);
+    }
     notifyState();
     AE_LOG(4, "%s", "exiting PlayLoop");
 }
@@ -237,6 +254,9 @@ int AudioEngine::feedGraph(AVStream *audio, AVFrame *decoded) {
         av_frame_unref(decoded);
         throw FfmpegError("Failed to rebuild the filter graph");
     }
+    if (decoded->best_effort_timestamp != AV_NOPTS_VALUE && graphStartUs == INT64_MIN)
+        graphStartUs =
+            av_rescale_q(decoded->best_effort_timestamp, audio->time_base, AVRational{1, 1000000});
     const int written = av_buffersrc_write_frame(abufferCtx, decoded);
     av_frame_unref(decoded);
     return written;
@@ -264,6 +284,11 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
             if (!drainAtEndOfMedia(decoded, filtered)) {
                 announceStopInPass();
                 announceStopAtPacketEnd();
+            } else {
+                // A stop at the end of the chapter or track arrives with the end of the file.
+                const int mode = sleepTimer.mode();
+                if (mode == AE_SLEEP_END_OF_CHAPTER || mode == AE_SLEEP_END_OF_TRACK)
+                    sleepAtEnd = mode;
             }
             return;
         }
@@ -288,6 +313,10 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
             if (received < 0)
                 throw FfmpegError("Failed to avcodec_receive_frame");
 
+            if (!trimToSeekTarget(audio, decoded)) {
+                av_frame_unref(decoded); // before an exact seek's target
+                continue;
+            }
             if (feedGraph(audio, decoded) < 0)
                 throw FfmpegError("Failed to av_buffersrc_write_frame");
 
@@ -309,6 +338,10 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
                     break;
                 }
                 outputPass = true;
+                if (sent == kSleepFired) {
+                    av_frame_unref(filtered); // after the stop: the resume seeks back to it
+                    break;
+                }
                 if (sent == kSeekFirst) {
                     // The rest of this audio is from before the seek, which is carried out now
                     // instead of after the next free piece; the graph's rest goes with it.
@@ -341,6 +374,13 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
                         AE_LOG(2, "%s", "Failed to av_seek_frame");
                     avcodec_flush_buffers(decoderCtx);
                     seekRequested = false;
+                    // An exact target: what the decoder delivers before it is cut off.
+                    trimBeforePts =
+                        moved && seekExactUs >= 0
+                            ? av_rescale_q(seekExactUs, AVRational{1, 1000000}, audio->time_base)
+                            : INT64_MIN;
+                    seekExactUs = -1;
+                    chapterStopGeneration = 0; // the chapter of the target, when armed
                     // The position is the target from now on, not what the filters still
                     // hold from before the seek (a target past the end lands at the end). A
                     // failed seek plays on from where it was, and so does the position.
@@ -471,6 +511,8 @@ int AudioEngine::sendToOutput(AVFrame *frame, bool yieldToSeek) {
             holdWhilePaused();
             if (state.load() == Stopped)
                 return 0;
+            if (yieldToSeek && seekPending())
+                return kSeekFirst; // set while paused (a rewind): the target goes first
             if (timedOut) {
                 AE_LOG(2, "%s", "Alsa buffer error");
                 return kOutputGone;
@@ -483,7 +525,9 @@ int AudioEngine::sendToOutput(AVFrame *frame, bool yieldToSeek) {
         }
 
         const int room = capacity - fillingFrames;
-        const int count = total - done < room ? total - done : room;
+        int count = total - done < room ? total - done : room;
+        // A stop of the sleep timer at a chapter's end: only what comes before it goes out.
+        const bool chapterEnds = chapterStopWithin(frame, done, &count);
         uint8_t *out = fillingPiece->data + static_cast<size_t>(fillingFrames) * bytesPerFrame;
 
         if (channels == 2 && !planar) {
@@ -510,8 +554,31 @@ int AudioEngine::sendToOutput(AVFrame *frame, bool yieldToSeek) {
             AE_LOG(2, "%s", "Unsupported channels no");
             memset(out, 0, static_cast<size_t>(count) * bytesPerFrame);
         }
-        fillingFrames += count;
-        done += count;
+        // The sleep timer counts what goes out and fades the end of a timed stop.
+        bool sleepEnds = false;
+        int fadeBegins = -1;
+        const int kept =
+            size == 2
+                ? sleepTimer.shape(reinterpret_cast<int16_t *>(
+                                       fillingPiece->data + size_t(fillingFrames) * bytesPerFrame),
+                                   count, &sleepEnds, &fadeBegins)
+                : count;
+        if (fadeBegins >= 0)
+            fadeStartUs = outputMediaUs(frame, done + fadeBegins);
+        fillingFrames += kept;
+        done += kept;
+        if (sleepEnds || chapterEnds) {
+            if (pushFilledPiece() == kOutputGone)
+                return kOutputGone;
+            // The next resume starts where the fade began (at the full level) or exactly at
+            // the chapter's end.
+            if (sleepEnds) // without a fade, where it stopped
+                sleepPause(AE_SLEEP_AFTER_TIME,
+                           fadeStartUs >= 0 ? fadeStartUs : outputMediaUs(frame, done));
+            else
+                sleepPause(AE_SLEEP_END_OF_CHAPTER, chapterStopUs.load());
+            return kSleepFired;
+        }
 
         if (fillingFrames == capacity) {
             const int pushed = pushFilledPiece();

@@ -104,6 +104,9 @@ private:
     // Not owned. Written by setCb on the application's thread, read by the forwarded engine
     // events on either thread.
     std::atomic<PlayerCb *> cb;
+    // Set while HandlePlayerStateChanged moves on from a track the sleep timer ended: the next
+    // track opens and holds paused at its start (application's thread only).
+    bool holdNextStart = false;
 };
 
 } // namespace player

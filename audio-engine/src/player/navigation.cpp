@@ -91,8 +91,9 @@ int Player::PlayTrack(int trackNum, int position, bool paused) {
     // Milliseconds in 32-bit arithmetic, as the engine takes them.
     engine.seekStream(position >= 0 ? static_cast<int>(static_cast<uint32_t>(position) * 1000u)
                                     : -1);
-    int started = engine.start();
-    if (paused && started == 0) {
+    // After the sleep timer ended the last track, the next one waits paused at its start.
+    int started = holdNextStart ? engine.startPaused() : engine.start();
+    if (paused && started == 0 && !holdNextStart) {
         // Let the track sound briefly before holding it, so the user hears where it stands.
         sleepMs(200);
         engine.pause();
@@ -198,8 +199,11 @@ Player::PlayMode Player::GetMode() {
 void Player::HandlePlayerStateChanged() {
     // Reached from the application's thread after OnStateChanged; moving on closes the file,
     // which joins the play thread, so this is never run on that thread.
-    if (engine.getState() == Finished)
+    if (engine.getState() == Finished) {
+        holdNextStart = engine.takeSleepEndedTrack();
         NextTrack();
+        holdNextStart = false;
+    }
 }
 
 } // namespace player
