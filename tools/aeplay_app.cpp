@@ -44,6 +44,7 @@ int App::run() {
     if (!options_.eq.empty())
         player_->setEqualizerSettings(options_.eq);
 
+    startListening();
     findPlaceFile();
     start();
     while (!quit_) {
@@ -61,6 +62,8 @@ int App::run() {
         }
         if (!quit_ && (happened & EventPipe::kState))
             handleState();
+        if (!quit_ && (happened & EventPipe::kSleep))
+            sleepFired();
         if (!quit_ && keys_ && (fds[1].revents & (POLLIN | POLLHUP))) {
             char buffer[64];
             const ssize_t n = read(STDIN_FILENO, buffer, sizeof buffer);
@@ -81,6 +84,8 @@ int App::run() {
     // Rule 4: stop (joins the play thread; callbacks may still fire during it), then detach.
     player_->SetState(IPlayer::Stopped);
     player_->setCb(nullptr);
+    if (ext_ != nullptr)
+        ae_ext_set_sleep_callback(ext_, nullptr, nullptr);
     if (statusLine_ && !shownStatus_.empty())
         std::printf("\n");
     if (!playedAny_ && exitCode_ == 0)

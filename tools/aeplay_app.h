@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "AudioEngineExtension.h"
 #include "IPlayer.h"
 #include "aeplay_options.h"
 #include "aeplay_resume.h"
@@ -53,6 +54,11 @@ private:
     void findPlaceFile();
     bool resumePlace(int *track, int *position);
     void keepPlace(bool now);
+    // aeplay_listening.cpp: skip silence, levelling, the sleep timer, rewind after a pause.
+    void startListening();
+    void sleepFired();
+    void listeningKey(char key);
+    std::string listeningText();
     // aeplay_keys.cpp
     void handleKey(const std::string &keys, size_t *pos);
     void seekBy(int seconds);
@@ -89,6 +95,10 @@ private:
     Place kept_;
     std::chrono::steady_clock::time_point keptAt_;
     bool placeFailed_ = false; // a write failed (reported once)
+
+    ae_ext *ext_ = nullptr;   // the player's listening features (null: not this library's)
+    bool sleepArmed_ = false; // --sleep has been armed (when the first track started)
+    int sleepPreset_ = 0;     // the 'z' key's place in its cycle
     bool listEnded_ = false;
 };
 

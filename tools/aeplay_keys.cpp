@@ -63,6 +63,13 @@ void App::handleKey(const std::string &keys, size_t *pos) {
         player_->SetMode(static_cast<IPlayer::PlayMode>(kModeNames[(index + 1) % count].mode));
         break;
     }
+    case 's':
+    case 'l':
+    case 'r':
+    case 'z':
+    case 'Z':
+        listeningKey(key);
+        break;
     case 'q':
     case 'Q':
         quit_ = true;

@@ -1,4 +1,6 @@
 // Where the book was left: read at the start, written while playing and at the end.
+#include <algorithm>
+#include <climits>
 #include <ctime>
 
 #include "aeplay_app.h"
@@ -55,10 +57,23 @@ bool App::resumePlace(int *track, int *position) {
     }
     if (!options_.tempoGiven)
         player_->setTempo(place.tempo);
+    // The rewind after a long pause holds across runs: the book was left when the place was
+    // last written (a pause keeps the time it began).
+    std::string rewound;
+    const int64_t pausedMs = (static_cast<int64_t>(std::time(nullptr)) - place.written) * 1000;
+    if (options_.rewind && pausedMs > 0) {
+        const int back = static_cast<int>((ae_ext_rewind_for_pause_ms(pausedMs) + 500) / 1000);
+        if (back > 0) {
+            rewound = " (" + std::to_string(std::min(back, place.position)) + " s back after " +
+                      clock_text(static_cast<int>(std::min<int64_t>(pausedMs / 1000, INT_MAX))) +
+                      " away)";
+            place.position = std::max(0, place.position - back);
+        }
+    }
     *track = index;
     *position = place.position;
     message("resuming track " + std::to_string(index + 1) + "/" + std::to_string(paths_.size()) +
-            " at " + clock_text(place.position));
+            " at " + clock_text(place.position) + rewound);
     return true;
 }
 

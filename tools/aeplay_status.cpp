@@ -63,7 +63,7 @@ std::string App::statusText() {
     const int barWidth = 20;
     const int filled = size > 0 ? (position >= size ? barWidth : position * barWidth / size) : 0;
     text += " | " + clock_text(position) + "/" + clock_text(size) + " [" +
-            std::string(filled, '#') + std::string(barWidth - filled, '.') + "]";
+            std::string(filled, '#') + std::string(barWidth - filled, '.') + "]" + listeningText();
     char settings[96];
     std::snprintf(settings, sizeof settings, " | tempo %.2f rate %.2f vol %d | %s",
                   player_->getTempo(), player_->getSampleRateMultiplier(), player_->GetVolume(),

@@ -48,6 +48,10 @@ TEST(Aeplay, ProgramRuns) {
         {"--wav out.wav --rate=2 --mode 2 $M/tone440_3s.wav", "wrote", 0, 1.5, 880, 880},
         {"--wav out.wav --eq 60:3,1000:-2 -- $M/tone440_3s.wav -x", "no such file: -x", 0, 3, 440,
          440},
+        {"--wav out.wav --sleep=0.05 --sleep-fade=0 $M/tone440_10s.mp3",
+         "sleep timer: paused at 0:03 of track 1", 0, 3, 440, 440},
+        {"--wav out.wav --sleep=track $M/tone440_3s.wav $M/tone1000_3s.wav",
+         "sleep timer: paused at 0:00 of track 2", 0, 3, 440, 440},
         {"--wav=-o.wav $M/empty.mp3", "cannot play", 1, 0, 0, 0},
         {"--device no_such_pcm $M/tone440_3s.wav", "no_such_pcm", 1, 0, 0, 0},
         {"--info $M/tags_chapters_80s.mka nothing.mp3", "no such file", 0, 0, 0, 0},
@@ -61,7 +65,7 @@ TEST(Aeplay, ProgramRuns) {
         {"--bogus x.mp3", "unknown option '--bogus'", 2, 0, 0, 0},
         {"--wav --info x.mp3", "--wav=NAME", 2, 0, 0, 0}, // a forgotten value swallows nothing
     };
-    const std::string aeplay = "rm -f out.wav*; env -u ALSA_CONFIG_PATH TMPDIR=\"$PWD\" "
+    const std::string aeplay = "rm -rf out.wav* st; env -u ALSA_CONFIG_PATH TMPDIR=\"$PWD\" "
                                "XDG_STATE_HOME=\"$PWD/st\" " AEPLAY_BIN " ";
     for (const auto &row : rows) {
         EXPECT_EQ(sh(dir, aeplay + row.args + " </dev/null >out.txt 2>&1"), row.status) << row.args;
@@ -116,6 +120,9 @@ TEST(Aeplay, ResumesWhereTheBookWasLeft) {
         {"", "b.mp3 a.wav", "track 1/2", 13, 440}, // other inputs, another book
         {"sed -i 's/^tempo .*/tempo 2.0/' $F", "a.wav b.mp3", "at 0:0", (10.0 - p) / 2, 440},
         {"sed -i 's/^tempo .*/tempo 2.0/' $F", "--tempo 1 a.wav b.mp3", "at 0:0", 10.0 - p, 440},
+        {"sed -i 's/^written .*/written 0/' $F", "a.wav b.mp3", "s back after", 10, 440},
+        {"sed -i 's/^written .*/written 0/' $F", "--rewind=off a.wav b.mp3",
+         "at 0:0" + std::to_string(p) + "\n", 10.0 - p, 440},
         {"sed -i 's/^track 1/track 0/' $F", "a.wav b.mp3", "at 0:0", 10.0 - p, 440},
         {"sed -i 's|^file \\(.*\\)b.mp3$|file \\1c.mp3|' $F", "a.wav b.mp3",
          "no longer among the inputs", 13, 1000},
