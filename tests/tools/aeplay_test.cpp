@@ -142,8 +142,10 @@ TEST(Aeplay, ResumesWhereTheBookWasLeft) {
                               (row.change.empty() ? "true" : row.change)),
                   0)
             << row.change;
-        sh(dir, "env -u ALSA_CONFIG_PATH " + run + "--wav out.wav " + row.args +
-                    " </dev/null >out.txt 2>&1");
+        EXPECT_EQ(sh(dir, "env -u ALSA_CONFIG_PATH " + run + "--wav out.wav " + row.args +
+                              " </dev/null >out.txt 2>&1"),
+                  0)
+            << row.change;
         // Played to the end: the place is forgotten (that of other inputs stays).
         EXPECT_EQ(sh(dir, "exit $(ls st/aeplay/*.place 2>/dev/null | wc -l)"),
                   row.args == "b.mp3 a.wav")
