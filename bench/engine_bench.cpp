@@ -1,9 +1,10 @@
 // engine_bench: plays one media file through the engine's public interface into the PCM named
 // "null" and prints the CPU time (user + system) and the peak resident memory of the process.
 //
-//   engine_bench FILE [--tempo T] [--rate R] [--eq]
+//   engine_bench FILE [--tempo T] [--rate R] [--eq] [--skip LEVEL] [--level LEVEL]
 //
-// --eq sets the ten-band equaliser that run.sh gives the ffmpeg tool as well. Output, one line:
+// --eq sets the ten-band equaliser that run.sh gives the ffmpeg tool as well; --skip and
+// --level the skip-silence and voice-levelling levels (AudioEngineExtension.h). Output, one line:
 //   cpu_s=<seconds> maxrss_kb=<kB> duration_s=<seconds of media>
 #include <sys/resource.h>
 
@@ -17,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "AudioEngineExtension.h"
 #include "IAudioEngine.h"
 #include "alsa_device.h"
 #include "host_platform.h"
@@ -31,7 +33,8 @@ const std::vector<std::pair<int, int>> kBands = {{31, 3},   {62, 2},    {125, 1}
 void quiet(int, const char *, int, const char *, const char *, void *) {}
 
 int usage() {
-    fprintf(stderr, "usage: engine_bench FILE [--tempo T] [--rate R] [--eq]\n");
+    fprintf(stderr,
+            "usage: engine_bench FILE [--tempo T] [--rate R] [--eq] [--skip N] [--level N]\n");
     return 2;
 }
 
@@ -44,6 +47,8 @@ int main(int argc, char **argv) {
     double tempo = 1.0;
     double rate = 1.0;
     bool eq = false;
+    int skip = 0;
+    int level = 0;
     for (int i = 2; i < argc; ++i) {
         if (strcmp(argv[i], "--tempo") == 0 && i + 1 < argc)
             tempo = atof(argv[++i]);
@@ -51,6 +56,10 @@ int main(int argc, char **argv) {
             rate = atof(argv[++i]);
         else if (strcmp(argv[i], "--eq") == 0)
             eq = true;
+        else if (strcmp(argv[i], "--skip") == 0 && i + 1 < argc)
+            skip = atoi(argv[++i]);
+        else if (strcmp(argv[i], "--level") == 0 && i + 1 < argc)
+            level = atoi(argv[++i]);
         else
             return usage();
     }
@@ -68,6 +77,9 @@ int main(int argc, char **argv) {
     engine->setSampleRateMultiplier(rate);
     if (eq)
         engine->setEqualizerSettings(kBands);
+    ae_ext *ext = AudioEngine_GetExtension(engine);
+    if (ae_ext_set_skip_silence(ext, skip) != 0 || ae_ext_set_voice_level(ext, level) != 0)
+        return usage();
 
     if (engine->openFile(file) != 0) {
         fprintf(stderr, "engine_bench: cannot open %s\n", file.c_str());

@@ -108,6 +108,8 @@ rate_of() { ffprobe -v error -select_streams a:0 -show_entries stream=sample_rat
 tool() { # tool <input options and file...>: the ffmpeg tool playing on the card
     echo "$FFMPEG -nostdin -loglevel error $* -map 0:a -af $(chain 44100) -f alsa mpd_sm"
 }
+# The levelling graph behind the chain at the strong level (AE_VOICE_LEVEL_STRONG).
+LEVEL=",asetnsamples=n=1024:p=0,speechnorm=p=0.5:e=10:c=2:r=0.02:f=0.01:t=0.015:l=1,aformat=sample_fmts=s16:sample_rates=44100:channel_layouts=0x3"
 want() { [[ " ${BENCH_TABLES:-1 2 3 4 5} " == *" $1 "* ]]; }
 val() { sed -n "s/.*$1=\([^ ]*\).*/\1/p"; } # val <key>: a key=value of one line
 load() { cut -d' ' -f1-3 /proc/loadavg; }
@@ -196,9 +198,12 @@ fi
 if want 4; then
     echo "## 4. Battery: $battery_s s of real-time playback, per hour of audio (load $(load))"
     echo
-    echo "All nine programs run at once (they are paced by the card and mostly sleep). CPU: user +"
+    echo "All the programs run at once (they are paced by the card and mostly sleep). CPU: user +"
     echo "system seconds of the whole process; wake-ups: voluntary context switches (/usr/bin/time)."
-    echo "The last row is the engine held paused for the same time: the cost of its 10 ms polling."
+    echo "Then the engine held paused for the same time (the cost of its 10 ms polling), with skip"
+    echo "silence at the natural level (against the engine with it off: the stage's own cost; the"
+    echo "tone over noise has no pause to cut) and with voice levelling strong (against the tool"
+    echo "running the same chain)."
     echo
     echo "| file | engine CPU s/h | tool CPU s/h | CPU ratio | engine wake-ups/h | tool wake-ups/h | engine peak RSS MB | tool peak RSS MB |"
     echo "|---|---:|---:|---:|---:|---:|---:|---:|"
@@ -213,6 +218,14 @@ if want 4; then
     # The engine held paused: its play thread polls every 10 ms and does nothing else.
     /usr/bin/time -o "$out/p" -f '%U %S %w %M' "$lb" play "$battery_s" "$media/long.mp3" paused \
         2>>"$log" &
+    /usr/bin/time -o "$out/skip" -f '%U %S %w %M' "$lb" play "$battery_s" "$media/long.mp3" skip=1 \
+        2>>"$log" &
+    /usr/bin/time -o "$out/level" -f '%U %S %w %M' "$lb" play "$battery_s" "$media/long.mp3" \
+        level=2 2>>"$log" &
+    # shellcheck disable=SC2046
+    VCARD_SPEED=1 /usr/bin/time -o "$out/tlevel" -f '%U %S %w %M' $FFMPEG -nostdin -loglevel error \
+        -i "$media/long.mp3" -t "$battery_s" -map 0:a -af "$(chain 44100)$LEVEL" -f alsa mpd_sm \
+        >/dev/null 2>&1 &
     wait
     for ext in mp3 m4a flac ogg; do
         read -r eu es ew em <"$out/e.$ext"
@@ -228,6 +241,18 @@ if want 4; then
         h = s / 3600
         printf "| long.mp3, engine paused | %.1f | | | %d | | %.1f | |\n", (pu + ps) / h, pw / h,
             pm / 1024 }'
+    # row <label> <engine record> <reference record>
+    row() {
+        read -r eu es ew em <"$2"
+        read -r tu ts tw tm <"$3"
+        awk -v f="$1" -v s="$battery_s" -v eu="$eu" -v es="$es" -v ew="$ew" -v em="$em" \
+            -v tu="$tu" -v ts="$ts" -v tw="$tw" -v tm="$tm" 'BEGIN {
+            h = s / 3600; ec = eu + es; tc = tu + ts
+            printf "| %s | %.1f | %.1f | %.2f | %d | %d | %.1f | %.1f |\n", f, ec / h, tc / h,
+                (tc > 0 ? ec / tc : 0), ew / h, tw / h, em / 1024, tm / 1024 }'
+    }
+    row "long.mp3, skip silence natural (tool column: engine, skip off)" "$out/skip" "$out/e.mp3"
+    row "long.mp3, levelling strong (tool: same chain)" "$out/level" "$out/tlevel"
     rm -rf "$out"
     echo
 fi
@@ -246,9 +271,25 @@ if want 5; then
         valgrind --tool=callgrind --callgrind-out-file=/dev/null "$@" 2>&1 >/dev/null |
             sed -n 's/.*Collected : *\([0-9]*\).*/\1/p'
     }
-    for ext in mp3 m4a flac ogg; do
-        f=$media/clip.$ext
-        e=$(ir "$build/bench/engine_bench" "$f" 2>>"$log")
+    for ext in mp3 m4a flac ogg "mp3 levelling" "flac levelling" "mp3 skip silence"; do
+        f=$media/clip.${ext%% *}
+        case $ext in
+        *levelling)
+            e=$(ir "$build/bench/engine_bench" "$f" --level 2 2>>"$log")
+            t=$(ir "$FFMPEG" -nostdin -loglevel error -threads 1 -filter_threads 1 -i "$f" \
+                -af "$(chain "$(rate_of "$f")")$LEVEL" -f alsa null)
+            ;;
+        *skip*) # against the engine with skip silence off
+            t=$(ir "$build/bench/engine_bench" "$f" 2>>"$log")
+            e=$(ir "$build/bench/engine_bench" "$f" --skip 1 2>>"$log")
+            ;;
+        *) e=$(ir "$build/bench/engine_bench" "$f" 2>>"$log") ;;
+        esac
+        if [ "$ext" != "${ext%% *}" ]; then
+            awk -v f="clip.${ext%% *}, ${ext#* }" -v e="$e" -v t="$t" \
+                'BEGIN { printf "| %s | %.1f | %.1f | %.3f |\n", f, e / 1e6, t / 1e6, e / t }'
+            continue
+        fi
         t=$(ir "$FFMPEG" -nostdin -loglevel error -threads 1 -filter_threads 1 -i "$f" \
             -af "$(chain "$(rate_of "$f")")" -f alsa null)
         awk -v f="clip.$ext" -v e="$e" -v t="$t" \

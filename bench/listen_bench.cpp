@@ -8,8 +8,10 @@
 //   listen_bench change RUNS LATE_MS FILE... a player plays FILE... as one book (Sequential); the
 //                                            silence the card got at each change of file (the
 //                                            application moves on LATE_MS after each end)
-//   listen_bench play SECONDS FILE [paused]  plays SECONDS of FILE and stops (for CPU time);
-//                                            paused: holds it paused as soon as it started
+//   listen_bench play SECONDS FILE [paused|skip=N|level=N]  plays SECONDS of FILE and stops
+//                                            (for CPU time); paused: holds it paused as soon as
+//                                            it started; skip, level: with skip silence or voice
+//                                            levelling at that level
 //   listen_bench tool-start RUNS CMD...      CMD (a program playing on the card through ALSA,
 //   listen_bench tool-change CMD...          run with the preload library of $VCARD_PRELOAD) from
 //                                            its start to its first write; its silences
@@ -34,6 +36,7 @@
 #include <thread>
 #include <vector>
 
+#include "AudioEngineExtension.h"
 #include "IAudioEngine.h"
 #include "IPlayer.h"
 #include "alsa_device.h"
@@ -273,9 +276,15 @@ int changeBench(int runs, int lateMs, const std::vector<std::string> &files) {
     return 0;
 }
 
-int playBench(int seconds, const std::string &file, bool paused) {
+int playBench(int seconds, const std::string &file, const std::string &option) {
+    const bool paused = option == "paused";
     IAudioEngine *engine = AudioEngine_CreateAudioEngine();
     engine->setStateChangedCb([] {});
+    ae_ext *ext = AudioEngine_GetExtension(engine);
+    if (option.rfind("skip=", 0) == 0)
+        ae_ext_set_skip_silence(ext, atoi(option.c_str() + 5));
+    if (option.rfind("level=", 0) == 0)
+        ae_ext_set_voice_level(ext, atoi(option.c_str() + 6));
     vcard_setup();
     vcard_set_speed(1.0);
     if (engine->openFile(file) != 0 || engine->start() != 0)
@@ -348,10 +357,11 @@ int toolChange(char **argv) {
 }
 
 int usage() {
-    fprintf(stderr, "usage: listen_bench start RUNS FILE... | seek RUNS TARGET_S FILE... |\n"
-                    "       change RUNS LATE_MS FILE... | play SECONDS FILE [paused] |\n"
-                    "       tool-start RUNS CMD... |"
-                    "       tool-change CMD...\n");
+    fprintf(stderr,
+            "usage: listen_bench start RUNS FILE... | seek RUNS TARGET_S FILE... |\n"
+            "       change RUNS LATE_MS FILE... | play SECONDS FILE [paused|skip=N|level=N] |\n"
+            "       tool-start RUNS CMD... |"
+            "       tool-change CMD...\n");
     return 2;
 }
 
@@ -373,8 +383,8 @@ int main(int argc, char **argv) {
     else if (mode == "change" && rest.size() >= 3)
         rc = changeBench(n, atoi(rest[0].c_str()),
                          std::vector<std::string>(rest.begin() + 1, rest.end()));
-    else if (mode == "play" && (rest.size() == 1 || (rest.size() == 2 && rest[1] == "paused")))
-        rc = playBench(n, rest[0], rest.size() == 2);
+    else if (mode == "play" && (rest.size() == 1 || rest.size() == 2))
+        rc = playBench(n, rest[0], rest.size() == 2 ? rest[1] : "");
     else if (mode == "tool-start" && !rest.empty())
         return toolStart(n, argv + 3);
     else if (mode == "tool-change")

@@ -37,8 +37,8 @@ struct ae_ext;
 
 enum ae_skip_silence {
     AE_SKIP_SILENCE_OFF = 0,
-    AE_SKIP_SILENCE_NATURAL = 1, // gaps over about half a second become about a quarter second
-    AE_SKIP_SILENCE_STRONG = 2,  // shorter gaps too, cut shorter
+    AE_SKIP_SILENCE_NATURAL = 1, // pauses over 0.5 s become 0.25 s
+    AE_SKIP_SILENCE_STRONG = 2,  // pauses over 0.25 s become 0.15 s
 };
 
 enum ae_voice_level {
@@ -61,16 +61,30 @@ AE_EXPORT struct ae_ext *AudioEngine_GetExtension(tavrel::utilities::IAudioEngin
 AE_EXPORT struct ae_ext *AudioEngine_GetPlayerExtension(tavrel::utilities::IPlayer *player);
 
 // --- Skip silence ------------------------------------------------------------------------------
+// Shortens long pauses of the decoded audio, before the tempo stages (pauses are measured in the
+// book's time, whatever the speed). A pause is audio 30 dB under the recent voice and at most
+// 12 dB over the recent noise floor. Natural: pauses over 0.5 s become 0.25 s, shorter ones stay
+// (sentence pauses); strong: pauses over 0.25 s become 0.15 s. A cut keeps the pause's start and
+// end, joined by a 10 ms crossfade. Positions stay in the book's time (getPosition() is never
+// behind by the time saved). Default: off.
 // Sets the level (enum ae_skip_silence): 0, or -1 for an unknown level or a null handle.
-// Takes effect at the next decoded frame, like a tempo change.
+// Takes effect at the next decoded frame, like a tempo change; opens keep it.
 AE_EXPORT int ae_ext_set_skip_silence(struct ae_ext *ext, int level);
+// The level set, or -1 for a null handle.
 AE_EXPORT int ae_ext_get_skip_silence(struct ae_ext *ext);
-// Media time removed by skip silence since the media was opened, in milliseconds.
+// Media time removed by skip silence since the media was opened, in milliseconds (-1 for a null
+// handle). Any thread may read it.
 AE_EXPORT int64_t ae_ext_silence_saved_ms(struct ae_ext *ext);
 
 // --- Voice levelling -----------------------------------------------------------------------
-// Sets the level (enum ae_voice_level): 0, or -1. Takes effect like a tempo change.
+// Raises a quiet voice and holds back a loud one, live (no look-ahead), after the equaliser:
+// peaks are held at -6 dBFS, so nothing clips; pauses and hiss get no gain. Gentle raises by at
+// most 9.5 dB, strong by at most 20 dB. A seek or a tempo change keeps the gain reached.
+// Default: off.
+// Sets the level (enum ae_voice_level): 0, or -1. Takes effect like a tempo change; opens keep
+// it.
 AE_EXPORT int ae_ext_set_voice_level(struct ae_ext *ext, int level);
+// The level set, or -1 for a null handle.
 AE_EXPORT int ae_ext_get_voice_level(struct ae_ext *ext);
 
 // --- Sleep timer ---------------------------------------------------------------------------

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "AudioEngine.h"
+#include "AudioEngineExtension.h"
 #include "alsa_device.h"
 #include "host_platform.h"
 #include "memory_stream.h"
@@ -275,14 +276,15 @@ TEST_F(EngineTest, TagsChaptersAndCoverFollowTheOpens) {
                  {nullptr, 0, 5, 3, 0, 0, 1, 0},
                  {"not_audio.mp3", -1, 5, 3, 0, 0, 1, 0},
                  {"tags_video_only.mkv", -1, 3, 0, 0, 0, 1, 0},
-                 {"cover_jpeg_3s.mp3", 0, 0, 0, 64, 48, 1, 12},
-                 {"marked_3s.mp3", 0, 0, 0, 0, 0, 1, 0},
+                 // No tags in the container: the audio stream's (its LAME header's encoder).
+                 {"cover_jpeg_3s.mp3", 0, 1, 0, 64, 48, 1, 12},
+                 {"marked_3s.mp3", 0, 1, 0, 0, 0, 1, 0},
                  {"cover_png_3s.flac", 0, 0, 0, 64, 48, 0, 0},
                  {nullptr, 0, 0, 0, 0, 0, 1, 0},
                  {"cover_png_3s.flac", 0, 0, 0, 64, 48, 1, 0},
                  {"no_such_file.mp3", -1, 0, 0, 0, 0, 1, 0},
-                 {"cover_odd_3s.mp3", 0, 0, 0, 37, 23, 1, 0},
-                 {"cover_odd_3s.mp3", 0, 0, 0, 37, 23, 0, 0}};
+                 {"cover_odd_3s.mp3", 0, 1, 0, 37, 23, 1, 0},
+                 {"cover_odd_3s.mp3", 0, 1, 0, 37, 23, 0, 0}};
     const int rgbs[5][3] = {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {255, 255, 255}, {51, 102, 153}};
     for (const auto &s : steps) {
         SCOPED_TRACE(s.file ? s.file : "close");
@@ -367,12 +369,15 @@ struct Setting {
     const char *name;
     double tempo, multiplier;
     std::vector<std::pair<int, int>> equalizer;
+    int voiceLevel = AE_VOICE_LEVEL_OFF;
 };
-const Setting kSettings[] = {{"tempo 1.0", 1.0, 1.0, {}},
-                             {"tempo 1.5", 1.5, 1.0, {}},
-                             {"tempo 0.3", 0.3, 1.0, {}},
-                             {"rate 1.5", 1.0, 1.5, {}},
-                             {"equaliser", 1.0, 1.0, {{60, 3}, {1000, -2}}}};
+const Setting kSettings[] = {
+    {"tempo 1.0", 1.0, 1.0, {}},
+    {"tempo 1.5", 1.5, 1.0, {}},
+    {"tempo 0.3", 0.3, 1.0, {}},
+    {"rate 1.5", 1.0, 1.5, {}},
+    {"equaliser", 1.0, 1.0, {{60, 3}, {1000, -2}}},
+    {"equaliser, levelling", 1.0, 1.0, {{60, 3}, {1000, -2}}, AE_VOICE_LEVEL_STRONG}};
 // A line of tests/media/corpus.txt, which says what each file of the corpus holds.
 struct Shape {
     std::string file, settings;
@@ -424,6 +429,7 @@ std::vector<int16_t> playShape(IAudioEngine *engine, const Shape &shape, const S
     engine->setTempo(setting.tempo);
     engine->setSampleRateMultiplier(setting.multiplier);
     engine->setEqualizerSettings(setting.equalizer);
+    ae_ext_set_voice_level(AudioEngine_GetExtension(engine), setting.voiceLevel);
     {
         StderrCapture err;
         EXPECT_EQ(engine->openFile(media_path(shape.file)), 0);
@@ -472,10 +478,14 @@ TEST_F(EngineTest, CorpusPlaysEveryShapeWholeAsTheToolDoes) {
             // Joined files change rate midway, and the engine's rate stage with it; the tool
             // would keep the first rate, so it runs without that stage (a no-op at 1.0).
             const std::string eq = traced(trace, "firequalizer");
+            const std::string level = traced(trace, "speechnorm");
             const std::string chain =
                 "atempo=" + traced(trace, "atempo") + ",atempo=" + traced(trace, "atempo2") +
                 (shape.tone1 > 0 ? "" : ",asetrate=" + traced(trace, "samplerate")) +
-                (eq.empty() ? "" : ",firequalizer=" + eq) + ",aformat=" + traced(trace, "aformat");
+                (eq.empty() ? "" : ",firequalizer=" + eq) + ",aformat=" + traced(trace, "aformat") +
+                (level.empty() ? ""
+                               : ",asetnsamples=" + traced(trace, "level_frames") + ",speechnorm=" +
+                                     level + ",aformat=" + traced(trace, "level_aformat"));
             const std::vector<int16_t> want = toolOutput(media_path(shape.file), chain);
             if (shape.tone1 > 0) {
                 EXPECT_NEAR(got.size(), want.size(), want.size() / 100.0);

@@ -181,6 +181,32 @@ make cover_png_3s.flac -f lavfi -i "$MARKED" -i cover_rgbw.png -map 0:a -map 1:v
 make cover_odd_3s.mp3 -f lavfi -i "$MARKED" -i cover_odd.png -map 0:a -map 1:v \
     -c:a libmp3lame -b:a 128k -c:v copy -disposition:v attached_pic -id3v2_version 3 -f mp3
 
+# --- Speech-like narration ---------------------------------------------------------------------
+# speech "<amplitude>:<voice s>:<pause s> ...": voiced bursts (140 Hz and two harmonics, four
+# syllables a second) with pauses of exactly the given lengths, over a -63 dBFS noise floor.
+# An amplitude of 0.5 is about -14 dBFS RMS; 0.75 -10 dBFS; 0.075 -30 dBFS.
+speech() {
+    awk -v spec="$1" 'BEGIN {
+        n = split(spec, seg, " "); t = 0; amp = ""
+        for (i = 1; i <= n; i++) {
+            split(seg[i], f, ":")
+            amp = amp (amp == "" ? "" : "+") sprintf("between(t\\,%g\\,%g)*%g", t, t + f[2], f[1])
+            t += f[2] + f[3]
+        }
+        printf "aevalsrc=exprs=(%s)*(0.7+0.3*sin(2*PI*4*t))*(sin(2*PI*140*t)+0.5*sin(2*PI*280*t)+0.3*sin(2*PI*420*t))+0.0017*(2*random(0)-1):c=mono:s=44100:d=%g", amp, t
+    }'
+}
+# Pauses of 0.3, 2, 0.45, 1 s after a voice at -14 dBFS, then 0.3, 2, 0.6, 0.2 s after one 20 dB
+# quieter, and a final 0.5 s (tests/engine/listening_test.cpp measures them).
+make speech_pauses.mp3 -f lavfi \
+    -i "$(speech "0.5:1:0.3 0.5:1:2 0.5:1:0.45 0.5:1:1 0.05:1:0.3 0.05:1:2 0.05:1:0.6 0.05:1:0.2 0.5:1:0.5")" \
+    -ar 22050 -c:a libmp3lame -b:a 64k -f mp3
+# A narration alternating a quiet (-30 dBFS) and a loud (-10 dBFS) voice every 5 s, each with a
+# 0.5 s pause at its end.
+make voice_levels.mp3 -f lavfi \
+    -i "$(speech "0.075:4.5:0.5 0.75:4.5:0.5 0.075:4.5:0.5 0.75:4.5:0.5")" \
+    -ar 22050 -c:a libmp3lame -b:a 64k -f mp3
+
 # --- Zip archives ---------------------------------------------------------------------------------
 # Ten seconds whose second k (0..9) is a tone of 200 + 100 k Hz, so a position can be heard.
 make steps_10s.mp3 -f lavfi \

@@ -8,6 +8,8 @@
 //   media_info.cpp     tags and chapters of the open media
 //   cover_art.cpp      the cover picture of the open media
 //   filter_graph.cpp   the tempo / rate / equaliser / output-format filter graph
+//   silence_skip.cpp   skip silence, a stage on decoded audio in front of the graph
+//   voice_level.cpp    voice levelling, a graph of its own behind the main one
 //   play_loop.cpp      the play thread and the transport operations
 //   extension.cpp      the handle of the listening features (AudioEngineExtension.h)
 //   sleep_engine.cpp   the sleep timer's stops in the play loop, the rewind after a long pause
@@ -45,6 +47,7 @@ struct AVStream;
 
 struct abuf_piece;
 struct ae_ext;
+class SilenceSkipper;
 
 class AudioEngine final : public tavrel::utilities::IAudioEngine {
 public:
@@ -130,6 +133,15 @@ public:
     // Rebuilds the graph with its source for the format of `frame`: a stream whose format
     // changes midway (joined files) plays on.
     int rebuild_for_frame(AVFormatContext *format, AVStream *stream, const AVFrame *frame);
+
+    // --- Voice levelling (voice_level.cpp) -------------------------------------------------------
+    // Builds the levelling graph for graphVoiceLevel (none for off), behind the main graph's
+    // sink: 0 or a negative FFmpeg error.
+    int build_level_graph();
+    void free_level_graph();
+    // The next frame for the output, through the levelling graph when there is one; the
+    // results of av_buffersink_get_frame.
+    int pullFiltered(AVFrame *out);
 
     // --- Play thread (play_loop.cpp) -----------------------------------------------------------
     void playLoop();
@@ -309,6 +321,24 @@ private:
     // application's thread while a failing play thread may be releasing the media.
     std::atomic<bool> mediaOpen;
     std::atomic<bool> decoderOpen;
+
+public:
+    // --- Listening features (AudioEngineExtension.h) -----------------------------------------
+    // Requested levels, written by the application's thread, read by the play thread; a change
+    // rebuilds the graph like a tempo change. An open keeps them.
+    std::atomic<int> skipSilence{0};
+    std::atomic<int> voiceLevel{0};
+    // Levels the current graphs were built with (play thread, or the opening thread).
+    int graphSkipSilence = 0;
+    int graphVoiceLevel = 0;
+    // The skip-silence stage; its levels learnt survive seeks and rebuilds.
+    std::unique_ptr<SilenceSkipper> skipper;
+    // The levelling graph; its gain survives rebuilds of the main graph and seeks.
+    AVFilterGraph *levelGraph = nullptr;
+    AVFilterContext *levelSrcCtx = nullptr;
+    AVFilterContext *levelSinkCtx = nullptr;
+    int levelGraphLevel = 0; // the level it was built for
+    bool levelEnded = false; // told the end of the audio
 };
 
 #endif

@@ -3,6 +3,7 @@
 
 #include "alsa_device.h"
 #include "engine_log.h"
+#include "silence_skip.h"
 
 #include <cmath>
 
@@ -15,7 +16,7 @@ AudioEngine::AudioEngine()
       equalizerChanged(false), durationMs(0), coverStreamIndex(-1), cover(nullptr),
       streamIoCtx(nullptr), streamIoBuffer(nullptr), stream(nullptr),
       zip_reader(std::make_shared<tavrel::QzZipManager>()), zipIoCtx(nullptr), mediaOpen(false),
-      decoderOpen(false) {
+      decoderOpen(false), skipper(std::make_unique<SilenceSkipper>()) {
     // The first engine of a session probes the device once at the standard rate and sets up
     // the mixer; while another engine plays (device open) both are left alone.
     if (is_alsa_opened() == 0) {

@@ -8,6 +8,8 @@
 // The sink always delivers packed S16 stereo at 44100 Hz.
 #include "AudioEngine.h"
 
+#include "AudioEngineExtension.h"
+
 #include "engine_log.h"
 
 extern "C" {
@@ -197,7 +199,9 @@ int AudioEngine::build_filter_graph(AVStream *audio) {
     }
     graphSampleRateMultiplier = multiplier;
 
-    // Output format of the PCM layer.
+    // Output format of the PCM layer (also the levelling graph's input).
+    graphVoiceLevel = voiceLevel.load();
+    graphSkipSilence = skipSilence.load();
     snprintf(args, sizeof args, "sample_fmts=%s:sample_rates=%d:channel_layouts=0x%llx",
              av_get_sample_fmt_name(AV_SAMPLE_FMT_S16), kOutputRate,
              static_cast<unsigned long long>(AV_CH_LAYOUT_STEREO));
@@ -235,6 +239,10 @@ int AudioEngine::build_filter_graph(AVStream *audio) {
         AE_LOG(2, "%s", "error configuring the filter graph");
         return ret;
     }
+    // The levelling graph stays as it is unless its level changed.
+    if (levelGraphLevel != graphVoiceLevel ||
+        (graphVoiceLevel != AE_VOICE_LEVEL_OFF && !levelGraph))
+        return build_level_graph();
     return 0;
 }
 

@@ -28,8 +28,15 @@ int64_t chapterBoundMs(int64_t ts, AVRational tb) {
 
 // Runs right after the stream information has been read, before the audio stream is chosen.
 // Builds both lists first, so a reader on another thread sees the old or the new ones whole.
+// Ogg Vorbis and Opus keep their tags in the audio stream's comments, not in the container:
+// when the container has none, the tags are those of the stream the open will play.
 void AudioEngine::captureMetadata() {
     std::map<std::string, std::string> tags = readDictionary(formatCtx->metadata);
+    if (tags.empty()) {
+        const int index = av_find_best_stream(formatCtx, AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
+        if (index >= 0)
+            tags = readDictionary(formatCtx->streams[index]->metadata);
+    }
 
     std::vector<Chapter> list;
     list.reserve(formatCtx->nb_chapters);

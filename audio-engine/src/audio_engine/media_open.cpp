@@ -3,6 +3,7 @@
 
 #include "engine_log.h"
 #include "ffmpeg_error.h"
+#include "silence_skip.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -38,6 +39,7 @@ int AudioEngine::openFileInt(const std::string &path, AVIOContext *io) {
         lastPositionMs = -1;
         seekRequested = false;
     }
+    skipper->restart(); // time saved counts from the open; the levels are learnt anew
     try {
         if (formatCtx)
             cleanup();
@@ -117,6 +119,7 @@ void AudioEngine::cleanup() {
 void AudioEngine::releaseMedia() {
     decoderOpen = false;
     free_filter_graph();
+    free_level_graph();
     avcodec_free_context(&decoderCtx);
     avcodec_free_context(&coverDecoderCtx);
     avformat_close_input(&formatCtx);

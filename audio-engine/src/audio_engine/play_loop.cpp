@@ -6,6 +6,7 @@
 #include "engine_log.h"
 #include "ffmpeg_error.h"
 #include "mp_state.h"
+#include "silence_skip.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -238,7 +239,8 @@ void AudioEngine::playLoop() {
 
 bool AudioEngine::graphNeedsRebuild() const {
     return std::fabs(graphSampleRateMultiplier - sampleRateMultiplier.load()) > kRebuildThreshold ||
-           std::fabs(graphTempo - tempo.load()) > kRebuildThreshold || equalizerChanged.load();
+           std::fabs(graphTempo - tempo.load()) > kRebuildThreshold || equalizerChanged.load() ||
+           skipSilence.load() != graphSkipSilence || voiceLevel.load() != graphVoiceLevel;
 }
 
 // A stream may change its rate, sample format or layout midway (parts joined into one file);
@@ -257,8 +259,17 @@ int AudioEngine::feedGraph(AVStream *audio, AVFrame *decoded) {
     if (decoded->best_effort_timestamp != AV_NOPTS_VALUE && graphStartUs == INT64_MIN)
         graphStartUs =
             av_rescale_q(decoded->best_effort_timestamp, audio->time_base, AVRational{1, 1000000});
-    const int written = av_buffersrc_write_frame(abufferCtx, decoded);
-    av_frame_unref(decoded);
+    // Skip silence works on the decoded audio, before the tempo stages: pauses are measured
+    // in the book's time whatever the speed. Switched off, it still hands on what it holds.
+    AVFrame *toGraph = decoded;
+    if (graphSkipSilence != 0 || skipper->holding()) {
+        toGraph = skipper->process(decoded, graphSkipSilence, audio->time_base);
+        av_frame_unref(decoded);
+        if (!toGraph)
+            return 0;
+    }
+    const int written = av_buffersrc_write_frame(abufferCtx, toGraph);
+    av_frame_unref(toGraph);
     return written;
 }
 
@@ -324,7 +335,7 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
             bool havePosition = false;
             int64_t lastTimestamp = 0;
             for (;;) {
-                const int pulled = av_buffersink_get_frame(abuffersinkCtx, filtered);
+                const int pulled = pullFiltered(filtered);
                 if (pulled == AVERROR(EAGAIN) || pulled == AVERROR_EOF)
                     break;
                 if (pulled < 0) {
@@ -397,9 +408,13 @@ void AudioEngine::runPackets(AVFrame *decoded, AVFrame *filtered, AVPacket *pack
                     notifyPositionLocked();
                 }
             }
-            // Audio from before the seek still in the filters is dropped with the old graph.
-            if (sought && reconfigure_filter_graph(formatCtx, audio) < 0)
-                throw FfmpegError("Failed to rebuild the filter graph");
+            // Audio from before the seek still in the filters is dropped with the old graph,
+            // and what skip silence holds with it (it keeps the levels it learnt).
+            if (sought) {
+                skipper->reset();
+                if (reconfigure_filter_graph(formatCtx, audio) < 0)
+                    throw FfmpegError("Failed to rebuild the filter graph");
+            }
         } while (sent == AVERROR(EAGAIN));
 
         av_packet_unref(packet);
@@ -445,8 +460,14 @@ bool AudioEngine::drainAtEndOfMedia(AVFrame *decoded, AVFrame *filtered) {
                 break;
         }
     }
+    if (AVFrame *rest = skipper->flush()) {
+        const int written = av_buffersrc_write_frame(abufferCtx, rest);
+        av_frame_unref(rest);
+        if (written < 0)
+            AE_LOG(2, "%s", "Failed to av_buffersrc_write_frame");
+    }
     if (av_buffersrc_add_frame(abufferCtx, nullptr) >= 0) {
-        while (state.load() != Stopped && av_buffersink_get_frame(abuffersinkCtx, filtered) >= 0) {
+        while (state.load() != Stopped && pullFiltered(filtered) >= 0) {
             const int sent = sendToOutput(filtered);
             av_frame_unref(filtered);
             if (sent == kOutputGone) {
