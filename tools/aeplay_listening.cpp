@@ -11,6 +11,9 @@ namespace aeplay {
 
 namespace {
 
+const char *const kSkipNames[] = {"off", "natural", "strong"};
+const char *const kLevelNames[] = {"off", "gentle", "strong"};
+
 // The 'z' key's cycle: off, timed stops, the end of the chapter, the end of the track.
 struct SleepPreset {
     int mode;
@@ -41,6 +44,8 @@ void App::startListening() {
         message("this player has no listening features", true);
         return;
     }
+    ae_ext_set_skip_silence(ext_, options_.skipSilence);
+    ae_ext_set_voice_level(ext_, options_.level);
     ae_ext_set_rewind_after_pause(ext_, options_.rewind ? 1 : 0);
     if (options_.sleepFadeMs >= 0)
         ae_ext_set_sleep_fade_ms(ext_, options_.sleepFadeMs);
@@ -72,6 +77,12 @@ void App::listeningKey(char key) {
     if (ext_ == nullptr)
         return;
     switch (key) {
+    case 's':
+        ae_ext_set_skip_silence(ext_, (ae_ext_get_skip_silence(ext_) + 1) % 3);
+        break;
+    case 'l':
+        ae_ext_set_voice_level(ext_, (ae_ext_get_voice_level(ext_) + 1) % 3);
+        break;
     case 'r':
         ae_ext_set_rewind_after_pause(ext_, ae_ext_get_rewind_after_pause(ext_) == 1 ? 0 : 1);
         message(std::string("rewind after a pause ") +
@@ -101,6 +112,13 @@ std::string App::listeningText() {
     if (ext_ == nullptr)
         return "";
     std::string text;
+    const int skip = ae_ext_get_skip_silence(ext_);
+    if (skip > 0 && skip < 3)
+        text += std::string(" | skip ") + kSkipNames[skip] + " -" +
+                clock_text(static_cast<int>(ae_ext_silence_saved_ms(ext_) / 1000));
+    const int level = ae_ext_get_voice_level(ext_);
+    if (level > 0 && level < 3)
+        text += std::string(" | level ") + kLevelNames[level];
     // The time left before the timer acts: playing time, or the chapter's or track's rest.
     const int mode = ae_ext_get_sleep_mode(ext_);
     const int64_t left = ae_ext_sleep_left_ms(ext_);

@@ -1,5 +1,6 @@
 // aeplay: runs of the program (options accepted and refused, WAV files checked by their
 // sound) and play-list building.
+#include <cmath>
 #include <cstdlib>
 #include <iterator>
 #include <sstream>
@@ -159,6 +160,47 @@ TEST(Aeplay, ResumesWhereTheBookWasLeft) {
         const std::vector<int16_t> first(s.begin(), s.begin() + std::min<size_t>(s.size(), 44100));
         EXPECT_NEAR(ae_test::zero_crossing_frequency(first, 2, 0, 44100), row.first, row.first / 50)
             << row.change;
+    }
+}
+
+// Every row: arguments, then the length of out.wav in seconds and the level difference of two
+// seconds of it in dB, a quiet and a loud voice (12-13 s, 17-18 s; -1: not measured), each
+// within a range. Pauses over half a second shrink to a quarter second at "natural", further at
+// "strong", alike at any tempo; levelling brings voices 20 dB apart within 12 dB, 6 at "strong".
+TEST(Aeplay, ListeningFlagsReachThePlayer) {
+    const std::string dir = ae_test::tmp_path("aeplay_listening");
+    const struct {
+        std::string args;
+        double shortest, longest, leastApart, mostApart;
+    } rows[] = {
+        {"--skip-silence $M/speech_pauses.mp3", 11.2, 12.2, -1, -1},
+        {"--skip-silence=strong $M/speech_pauses.mp3", 8.5, 11.2, -1, -1},
+        {"--skip-silence=strong --tempo 2 $M/speech_pauses.mp3", 4.25, 5.6, -1, -1},
+        {"$M/voice_levels.mp3", 19.7, 20.3, 15, 25},
+        {"--level $M/voice_levels.mp3", 19.7, 20.3, 0, 12},
+        {"--level=strong $M/voice_levels.mp3", 19.7, 20.3, 0, 6},
+    };
+    for (const auto &row : rows) {
+        ASSERT_EQ(sh(dir,
+                     "env -u ALSA_CONFIG_PATH TMPDIR=\"$PWD\" " AEPLAY_BIN " --no-resume --wav "
+                     "out.wav " +
+                         row.args + " </dev/null >out.txt 2>&1",
+                     true),
+                  0)
+            << row.args;
+        std::vector<int16_t> s;
+        ASSERT_TRUE(ae_test::read_wav(dir + "/out.wav", &s)) << row.args;
+        const double seconds = s.size() / 2 / 44100.0;
+        EXPECT_TRUE(seconds >= row.shortest && seconds <= row.longest)
+            << row.args << ": " << seconds;
+        if (row.mostApart < 0 || seconds < 18)
+            continue;
+        auto level = [&](int second) {
+            const auto from = s.begin() + second * 44100 * 2;
+            return ae_test::rms_dbfs({from, from + 44100 * 2}, 2, 0);
+        };
+        const double apart = std::abs(level(17) - level(12));
+        EXPECT_TRUE(apart >= row.leastApart && apart <= row.mostApart) << row.args << ": " << apart;
     }
 }
 
