@@ -1,10 +1,13 @@
 // aeplay's command-line parsing.
 #include "aeplay_options.h"
 
+#include "AudioEngineExtension.h"
+
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 
 namespace aeplay {
 
@@ -35,6 +38,8 @@ namespace {
 
 // The player takes the start position in seconds and turns it into milliseconds in 32 bits.
 const double kMaxStartSeconds = 2147483; // INT32_MAX / 1000
+const double kMaxSleepMinutes = 1440;    // a day
+const double kMaxFadeSeconds = 600;
 
 // A whole decimal number (strtod accepts trailing junk, this does not).
 bool to_double(const std::string &text, double *value) {
@@ -59,6 +64,25 @@ bool to_int(const std::string &text, long min, long max, int *value) {
         return false;
     *value = static_cast<int>(v);
     return true;
+}
+
+// A value out of `names` (index = the value), for options whose value is optional: a bare
+// option means `bare`. False when the name is unknown.
+bool choose(const std::string &value, bool has_value, std::initializer_list<const char *> names,
+            int bare, int *out) {
+    if (!has_value) {
+        *out = bare;
+        return true;
+    }
+    int index = 0;
+    for (const char *name : names) {
+        if (value == name) {
+            *out = index;
+            return true;
+        }
+        ++index;
+    }
+    return false;
 }
 
 } // namespace
@@ -159,6 +183,7 @@ bool parse_options(int argc, const char *const *argv, Options *options, std::str
                 *error = "bad tempo '" + v + "' (0.25..4.0)";
                 return false;
             }
+            o.tempoGiven = true;
         } else if (name == "--rate") {
             if (!take_value(&v))
                 return false;
@@ -177,6 +202,55 @@ bool parse_options(int argc, const char *const *argv, Options *options, std::str
                 *error = "bad mode '" + v + "' (sequential, repeat-list, repeat-track, shuffle)";
                 return false;
             }
+        } else if (name == "--no-resume") {
+            if (!no_value())
+                return false;
+            o.resume = false;
+        } else if (name == "--rewind") {
+            int on = 1;
+            if (!choose(value, has_value, {"off", "on"}, 1, &on)) {
+                *error = "bad rewind '" + value + "' (on or off)";
+                return false;
+            }
+            o.rewind = on != 0;
+        } else if (name == "--skip-silence") {
+            if (!choose(value, has_value, {"off", "natural", "strong"}, AE_SKIP_SILENCE_NATURAL,
+                        &o.skipSilence)) {
+                *error = "bad skip-silence level '" + value + "' (natural, strong or off)";
+                return false;
+            }
+        } else if (name == "--level") {
+            if (!choose(value, has_value, {"off", "gentle", "strong"}, AE_VOICE_LEVEL_GENTLE,
+                        &o.level)) {
+                *error = "bad level '" + value + "' (gentle, strong or off)";
+                return false;
+            }
+        } else if (name == "--sleep") {
+            if (!take_value(&v))
+                return false;
+            double minutes = 0;
+            if (v == "off") {
+                o.sleepMode = AE_SLEEP_OFF;
+            } else if (v == "chapter") {
+                o.sleepMode = AE_SLEEP_END_OF_CHAPTER;
+            } else if (v == "track") {
+                o.sleepMode = AE_SLEEP_END_OF_TRACK;
+            } else if (to_double(v, &minutes) && minutes > 0 && minutes <= kMaxSleepMinutes) {
+                o.sleepMode = AE_SLEEP_AFTER_TIME;
+                o.sleepMs = static_cast<int64_t>(std::llround(minutes * 60000));
+            } else {
+                *error = "bad sleep '" + v + "' (minutes up to 1440, chapter, track or off)";
+                return false;
+            }
+        } else if (name == "--sleep-fade") {
+            if (!take_value(&v))
+                return false;
+            double seconds = 0;
+            if (!to_double(v, &seconds) || seconds < 0 || seconds > kMaxFadeSeconds) {
+                *error = "bad sleep fade '" + v + "' (seconds, 0..600)";
+                return false;
+            }
+            o.sleepFadeMs = static_cast<int64_t>(std::llround(seconds * 1000));
         } else if (name == "--start") {
             if (!take_value(&v))
                 return false;
@@ -228,7 +302,23 @@ options:
   --rate R           speed and pitch together, 0.5..2.0 (default 1.0)
   --eq F:G,...       equaliser points, frequency Hz and gain dB, e.g. 60:3,1000:-2
   --mode M           sequential (default), repeat-list, repeat-track or shuffle
-  --start S          start the first track S seconds in (0..2147483)
+  --start S          start the first track S seconds in (0..2147483), not where the
+                     book was left
+  --no-resume        start from the beginning, not where the book was left
+  --rewind=on|off    after a pause of over a minute, and when a book is resumed in a
+                     later run, start a little earlier: 3 s after a minute, 10 s after
+                     an hour, 20 s after a day (default on)
+  --skip-silence[=natural|strong]
+                     shorten long pauses: natural (the default) cuts gaps over half a
+                     second to a quarter second, strong goes further
+  --level[=gentle|strong]
+                     voice levelling: raise a quiet narrator, hold back a loud one
+                     (default gentle)
+  --sleep=M|chapter|track
+                     pause after M minutes of playing (up to 1440), at the end of the
+                     chapter or at the end of the track; without a terminal aeplay then
+                     ends, keeping the place
+  --sleep-fade=S     fade out over S seconds before a timed pause (default 10, 0..600)
   --device NAME      play on this ALSA PCM instead of "mpd_sm"
   --wav FILE         write the audio into a WAV file instead of a sound card
   --fallback-wav F   the WAV file used when no sound card can be opened
@@ -239,9 +329,15 @@ options:
   --help             this text
 A name starting with '-' is written with '=': --wav=-out.wav, --device=-x.
 
+Where each book was left (the same inputs given again) is kept in
+$XDG_STATE_HOME/aeplay (default ~/.local/state/aeplay): its track, position and tempo.
+
 keys (in a terminal):
   space pause/resume   n/p next/previous track   left/right seek 10 s
   c/C next/previous chapter   [ ] tempo   { } rate   + - volume   m mode   q quit
+  s skip silence (off, natural, strong)   l levelling (off, gentle, strong)
+  z sleep timer (off, 15, 30, 60 min, chapter, track)   Z 10 more minutes
+  r rewind after a pause on/off
 )USAGE";
 }
 

@@ -2,6 +2,7 @@
 // program so that the tests can check it.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
@@ -22,6 +23,7 @@ const char *mode_name(int mode);
 
 struct Options {
     double tempo = 1.0;                  // --tempo, 0.25..4.0
+    bool tempoGiven = false;             // --tempo was given (it wins over a resumed tempo)
     double rate = 1.0;                   // --rate, 0.5..2.0
     std::vector<std::pair<int, int>> eq; // --eq "60:3,1000:-2"
     int mode = 2;                        // --mode (IPlayer::Sequential)
@@ -30,6 +32,13 @@ struct Options {
     std::string device;                  // --device, an ALSA PCM
     std::string wav;                     // --wav, play into this WAV file
     std::string fallbackWav;             // --fallback-wav, the WAV used when there is no card
+    bool resume = true;                  // --no-resume: from the start (or --start)
+    bool rewind = true;                  // --rewind=off: no rewind after a long pause
+    int skipSilence = 0;                 // --skip-silence[=natural|strong]: ae_skip_silence
+    int level = 0;                       // --level[=gentle|strong]: ae_voice_level
+    int sleepMode = 0;                   // --sleep: ae_sleep_mode
+    int64_t sleepMs = 0;                 // --sleep=MINUTES, in milliseconds
+    int64_t sleepFadeMs = -1;            // --sleep-fade=SECONDS; -1: the library's default
     bool info = false;                   // --info
     std::string cover;                   // --cover, PNG file for the first track's cover
     bool verbose = false;                // --verbose: the library's own log lines too
