@@ -9,7 +9,10 @@
 #   3. track change: the silence the card gets between the files of a three-file book;
 #   4. battery: CPU seconds, wake-ups (voluntary context switches) and peak RSS over 3 minutes
 #      of real-time playback;
-#   5. instructions: callgrind instruction counts on 30 s files (deterministic on a busy machine).
+#   5. instructions: callgrind instruction counts on 30 s files (deterministic on a busy machine);
+#   6. the device's budget: start, seek and track change with one eighth of one pinned CPU, and
+#      the lowest CPU quota at which each program plays tempo 2.0 with an equaliser without an
+#      underrun (cgroup cpu controller, as root; skipped with a note where there is none).
 #
 #   bench/listen.sh <build-dir>      BENCH_QUICK=1: fewer runs and 30 s of battery playback;
 #                                    BENCH_TABLES="1 3": only those tables
@@ -111,7 +114,7 @@ tool() { # tool <input options and file...>: the ffmpeg tool playing on the card
 }
 # The levelling graph behind the chain at the strong level (AE_VOICE_LEVEL_STRONG).
 LEVEL=",asetnsamples=n=1024:p=0,speechnorm=p=0.5:e=10:c=2:r=0.02:f=0.01:t=0.015:l=1,aformat=sample_fmts=s16:sample_rates=44100:channel_layouts=0x3"
-want() { [[ " ${BENCH_TABLES:-1 2 3 4 5} " == *" $1 "* ]]; }
+want() { [[ " ${BENCH_TABLES:-1 2 3 4 5 6} " == *" $1 "* ]]; }
 val() { sed -n "s/.*$1=\([^ ]*\).*/\1/p"; } # val <key>: a key=value of one line
 load() { cut -d' ' -f1-3 /proc/loadavg; }
 
@@ -309,5 +312,111 @@ if want 5; then
             'BEGIN { printf "| %s | %.1f | %.1f | %.3f |\n", f, e / 1e6, t / 1e6, e / t }'
     done
     echo
+fi
+# --- 6. The device's budget --------------------------------------------------------------------
+# One core several times slower than this one: the process gets `quota` microseconds of CPU time
+# every period, on CPU 0 only (cgroup v1 cpu.cfs_quota_us, or v2 cpu.max where it is delegated).
+# The period is 10 ms, and 100 ms for quotas under 10 %, which a 10 ms period cannot express (the
+# kernel's smallest quota is 1 ms).
+cg_dir=""
+cg_setup() { # sets cg_dir, or prints why not
+    if [ -w /sys/fs/cgroup/cpu ] && [ -e /sys/fs/cgroup/cpu/cpu.cfs_quota_us ]; then
+        cg_dir=/sys/fs/cgroup/cpu/ae_bench_quota
+        mkdir -p "$cg_dir" && return 0
+    elif grep -qw cpu /sys/fs/cgroup/cgroup.controllers 2>/dev/null; then
+        cg_dir=/sys/fs/cgroup/ae_bench_quota
+        grep -qw cpu /sys/fs/cgroup/cgroup.subtree_control ||
+            echo +cpu >/sys/fs/cgroup/cgroup.subtree_control 2>/dev/null
+        mkdir -p "$cg_dir" && [ -e "$cg_dir/cpu.max" ] && return 0
+    fi
+    cg_dir=""
+    echo "No CPU controller to use here (needs root and cgroup v1 cpu or a delegated v2 cpu.max):"
+    echo "table 6 skipped."
+    return 1
+}
+quota() { # quota <us> <period us> <command...>: the command with that share of CPU 0
+    local us=$1 period=$2
+    shift 2
+    if [ -e "$cg_dir/cpu.cfs_quota_us" ]; then
+        # The kernel refuses a quota below the current period's 1 ms minimum: set it in an order
+        # that is valid at every step.
+        echo -1 >"$cg_dir/cpu.cfs_quota_us"
+        echo "$period" >"$cg_dir/cpu.cfs_period_us"
+        echo "$us" >"$cg_dir/cpu.cfs_quota_us"
+    else
+        echo "$us $period" >"$cg_dir/cpu.max"
+    fi
+    sh -c 'echo $$ >"$1/cgroup.procs" && shift && exec taskset -c 0 "$@"' sh "$cg_dir" "$@"
+}
+if want 6 && cg_setup; then
+    eighth=1250
+    echo "## 6. The device's budget: one eighth of one CPU, and the lowest quota without underruns (load $(load))"
+    echo
+    echo "Each program runs on CPU 0 with a CPU quota per 10 ms period (the card's clock needs none)."
+    echo "a. At 1250 us per 10 ms: start (30 s MP3), seek (to 300 s of 600), pause, and the silence at the"
+    echo "track changes of the three-chapter book, ms; engine median and worst of $seek_runs, tool of $seek_runs."
+    echo
+    echo "| what | engine median | engine worst | tool median | tool worst |"
+    echo "|---|---:|---:|---:|---:|"
+    for c in none 600.jpg 3000.png; do
+        f=$media/clip.mp3
+        [ "$c" != none ] && f=$media/clip_$c.mp3
+        e=$(quota $eighth 10000 "$lb" start "$seek_runs" "$f" 2>>"$log")
+        # shellcheck disable=SC2046
+        t=$(quota $eighth 10000 "$lb" tool-start "$seek_runs" $(tool -i "$f" -t 0.3))
+        echo "| start, cover $c | $(val median_ms <<<"$e") | $(val worst_ms <<<"$e") |" \
+            "$(val median_ms <<<"$t") | $(val worst_ms <<<"$t") |"
+    done
+    e=$(quota $eighth 10000 "$lb" seek "$seek_runs" 300 "$media/long.mp3" 2>>"$log")
+    # shellcheck disable=SC2046
+    t=$(quota $eighth 10000 "$lb" tool-start "$seek_runs" $(tool -ss 300 -i "$media/long.mp3" -t 0.3))
+    echo "| seek (tool: launch with -ss) | $(val median_ms <<<"$e") | $(val worst_ms <<<"$e") |" \
+        "$(val median_ms <<<"$t") | $(val worst_ms <<<"$t") |"
+    e=$(quota $eighth 10000 "$lb" pause "$seek_runs" "$media/long.mp3" 2>>"$log")
+    echo "| pause: audio heard after pause() (the tool cannot pause) | $(val median_ms <<<"$e") |" \
+        "$(val worst_ms <<<"$e") | | |"
+    quota $eighth 10000 "$lb" change "$seek_runs" 0 "$media/chapter1.mp3" "$media/chapter2.mp3" \
+        "$media/chapter3.mp3" 2>>"$log" |
+        while read -r _ k from _ to rest; do
+            echo "| silence at change $k: $from -> $to | $(val silence_ms <<<"$rest") |" \
+                "$(val worst_ms <<<"$rest") | | |"
+        done
+    list=$media/.concat.txt
+    printf "file '%s'\n" "$media/chapter1.mp3" "$media/chapter2.mp3" "$media/chapter3.mp3" >"$list"
+    t=$(quota $eighth 10000 "$lb" tool-change "$FFMPEG" -nostdin -loglevel error -f concat -safe 0 \
+        -i "$list" -map 0:a -af "$(chain 44100)" -f alsa mpd_sm)
+    echo "| silence over the whole book, tool (concat) | | | $(val silence_ms <<<"$t") |" \
+        "$(val worst_ms <<<"$t") |"
+    echo
+    play_s=60
+    [ "$quick" = 1 ] && play_s=20
+    eq="firequalizer=gain_entry='entry(60.0, 3.0); entry(1000.0, -2.0)'"
+    tempo2="atempo=tempo=2.0,atempo=tempo=1.0,asetrate=44100,$eq,aformat=sample_fmts=s16:sample_rates=44100:channel_layouts=0x3"
+    echo "b. $play_s s of the 10-minute MP3 at tempo 2.0 with two equaliser points (60 Hz +3 dB, 1 kHz"
+    echo "-2 dB): underruns (times the card ran dry) at falling quotas of a 100 ms period, down to each"
+    echo "program's first failure. The same chain in both (the engine's, traced)."
+    echo
+    echo "| quota, % of a CPU | engine underruns | tool underruns |"
+    echo "|---:|---:|---:|"
+    engine_low=none tool_low=none engine_on=1 tool_on=1
+    for us in 20000 12500 8000 6000 4000 3000 2000 1500 1000; do
+        [ $engine_on = 0 ] && [ $tool_on = 0 ] && break
+        eu="" tu=""
+        if [ $engine_on = 1 ]; then
+            eu=$(quota "$us" 100000 "$lb" underruns "$play_s" 2.0 "$media/long.mp3" 2>>"$log" | val underruns)
+            if [ "${eu:-1}" = 0 ]; then engine_low=$us; else engine_on=0; fi
+        fi
+        if [ $tool_on = 1 ]; then
+            tu=$(VCARD_SPEED=1 quota "$us" 100000 "$lb" tool-underruns "$FFMPEG" -nostdin -loglevel error \
+                -i "$media/long.mp3" -map 0:a -af "$tempo2" -t "$play_s" -f alsa mpd_sm | val underruns)
+            if [ "${tu:-1}" = 0 ]; then tool_low=$us; else tool_on=0; fi
+        fi
+        awk -v us="$us" -v e="$eu" -v t="$tu" 'BEGIN { printf "| %.1f | %s | %s |\n", us / 1000, e, t }'
+    done
+    pct() { [ "$1" = none ] && echo "above 20" || awk -v us="$1" 'BEGIN { printf "%.1f", us / 1000 }'; }
+    echo
+    echo "Lowest quota without an underrun: engine $(pct $engine_low) %, tool $(pct $tool_low) % of a CPU."
+    echo
+    rmdir "$cg_dir" 2>/dev/null || true
 fi
 echo "Load average at the end: $(load)"

@@ -14,6 +14,9 @@
 //                                            (for CPU time); paused: holds it paused as soon as
 //                                            it started; skip, level: with skip silence or voice
 //                                            levelling at that level
+//   listen_bench underruns SECONDS TEMPO FILE plays SECONDS of FILE at TEMPO with two equaliser
+//                                            points; the times the card ran dry
+//   listen_bench tool-underruns CMD...       the same count for CMD
 //   listen_bench tool-start RUNS CMD...      CMD (a program playing on the card through ALSA,
 //   listen_bench tool-change CMD...          run with the preload library of $VCARD_PRELOAD) from
 //                                            its start to its first write; its silences
@@ -326,6 +329,38 @@ int playBench(int seconds, const std::string &file, const std::string &option) {
     return 0;
 }
 
+// Writes after the first one before which the card's clock had run dry: the underruns a
+// listener heard, and how long they lasted.
+void printUnderruns(const char *who, const std::vector<vcard_write> &writes) {
+    int count = 0;
+    int64_t dry = 0;
+    for (size_t i = 1; i < writes.size(); ++i) {
+        if (writes[i].dry_ns > 0) {
+            ++count;
+            dry += writes[i].dry_ns;
+        }
+    }
+    printf("%s underruns=%d dry_ms=%.1f writes=%zu\n", who, count, dry / 1e6, writes.size());
+}
+
+int underrunBench(int seconds, double tempo, const std::string &file) {
+    IAudioEngine *engine = AudioEngine_CreateAudioEngine();
+    engine->setStateChangedCb([] {});
+    vcard_setup();
+    vcard_set_speed(1.0);
+    engine->setTempo(tempo);
+    engine->setEqualizerSettings({{60, 3}, {1000, -2}});
+    if (engine->openFile(file) != 0 || engine->start() != 0)
+        return 1;
+    sleepMs(seconds * 1000);
+    engine->stop();
+    engine->closeFile();
+    AudioEngine_DestroyAudioEngine(engine);
+    deinit_alsa_output();
+    printUnderruns("engine", cardWrites());
+    return 0;
+}
+
 // Runs `argv` with the card's records dumped at its exit; its start time and records.
 bool runTool(char **argv, int64_t &started, std::vector<vcard_write> &writes) {
     const char *preload = getenv("VCARD_PRELOAD");
@@ -383,12 +418,21 @@ int toolChange(char **argv) {
     return 0;
 }
 
+int toolUnderruns(char **argv) {
+    int64_t started = 0;
+    std::vector<vcard_write> writes;
+    if (!runTool(argv, started, writes))
+        return 1;
+    printUnderruns("tool", writes);
+    return 0;
+}
+
 int usage() {
     fprintf(stderr, "usage: listen_bench start RUNS FILE... | seek RUNS TARGET_S FILE... |\n"
                     "       pause RUNS FILE... | change RUNS LATE_MS FILE... |\n"
                     "       play SECONDS FILE [paused|skip=N|level=N] |\n"
-                    "       tool-start RUNS CMD... |"
-                    "       tool-change CMD...\n");
+                    "       underruns SECONDS TEMPO FILE | tool-start RUNS CMD... |\n"
+                    "       tool-change CMD... | tool-underruns CMD...\n");
     return 2;
 }
 
@@ -416,8 +460,12 @@ int main(int argc, char **argv) {
         rc = playBench(n, rest[0], rest.size() == 2 ? rest[1] : "");
     else if (mode == "tool-start" && !rest.empty())
         return toolStart(n, argv + 3);
+    else if (mode == "underruns" && rest.size() == 2)
+        rc = underrunBench(n, atof(rest[0].c_str()), rest[1]);
     else if (mode == "tool-change")
         return toolChange(argv + 2);
+    else if (mode == "tool-underruns")
+        return toolUnderruns(argv + 2);
     else
         return usage();
     deinit_alsa_output();
