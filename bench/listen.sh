@@ -243,20 +243,6 @@ if want 4; then
         -i "$media/long.mp3" -t "$battery_s" -map 0:a -af "$(chain 44100)$LEVEL" -f alsa mpd_sm \
         >/dev/null 2>&1 &
     wait
-    for ext in mp3 m4a flac ogg; do
-        read -r eu es ew em <"$out/e.$ext"
-        read -r tu ts tw tm <"$out/t.$ext"
-        awk -v f="long.$ext" -v s="$battery_s" -v eu="$eu" -v es="$es" -v ew="$ew" -v em="$em" \
-            -v tu="$tu" -v ts="$ts" -v tw="$tw" -v tm="$tm" 'BEGIN {
-            h = s / 3600; ec = eu + es; tc = tu + ts
-            printf "| %s | %.1f | %.1f | %.2f | %d | %d | %.1f | %.1f |\n", f, ec / h, tc / h,
-                (tc > 0 ? ec / tc : 0), ew / h, tw / h, em / 1024, tm / 1024 }'
-    done
-    read -r pu ps pw pm <"$out/p"
-    awk -v s="$battery_s" -v pu="$pu" -v ps="$ps" -v pw="$pw" -v pm="$pm" 'BEGIN {
-        h = s / 3600
-        printf "| long.mp3, engine paused | %.1f | | | %d | | %.1f | |\n", (pu + ps) / h, pw / h,
-            pm / 1024 }'
     # row <label> <engine record> <reference record>
     row() {
         read -r eu es ew em <"$2"
@@ -267,6 +253,14 @@ if want 4; then
             printf "| %s | %.1f | %.1f | %.2f | %d | %d | %.1f | %.1f |\n", f, ec / h, tc / h,
                 (tc > 0 ? ec / tc : 0), ew / h, tw / h, em / 1024, tm / 1024 }'
     }
+    for ext in mp3 m4a flac ogg; do
+        row "long.$ext" "$out/e.$ext" "$out/t.$ext"
+    done
+    read -r pu ps pw pm <"$out/p"
+    awk -v s="$battery_s" -v pu="$pu" -v ps="$ps" -v pw="$pw" -v pm="$pm" 'BEGIN {
+        h = s / 3600
+        printf "| long.mp3, engine paused | %.1f | | | %d | | %.1f | |\n", (pu + ps) / h, pw / h,
+            pm / 1024 }'
     row "long.mp3, skip silence natural (tool column: engine, skip off)" "$out/skip" "$out/e.mp3"
     row "long.mp3, levelling strong (tool: same chain)" "$out/level" "$out/tlevel"
     rm -rf "$out"
