@@ -3,7 +3,7 @@
 // Besides being a useful tool, aeplay is the reference for how an application drives the
 // player; aeplay_app.h states the threading rules it follows. The program's parts:
 //   aeplay_options   the command line          aeplay_playlist  inputs to media paths
-//   aeplay_output    the ALSA PCM or WAV file  aeplay_inspect   --info and --cover
+//   aeplay_output    the ALSA PCM or WAV file  aeplay_info   --info and --cover
 //   aeplay_app       the run loop and moves    aeplay_keys      the keys
 //   aeplay_status    the status line           aeplay_terminal  raw mode and signals
 //   aeplay_events    the main loop's wake-ups  aeplay_format    clock times and tags
@@ -18,7 +18,7 @@
 
 #include "aeplay_app.h"
 #include "aeplay_events.h"
-#include "aeplay_inspect.h"
+#include "aeplay_info.h"
 #include "aeplay_options.h"
 #include "aeplay_output.h"
 #include "aeplay_playlist.h"
@@ -55,9 +55,9 @@ int main(int argc, char **argv) {
 
     // The output must be chosen before the first player exists: creating one already opens the
     // sound device once.
-    const bool inspectOnly = options.info || !options.cover.empty();
+    const bool infoOnly = options.info || !options.cover.empty();
     aeplay::Output output;
-    if (!inspectOnly) {
+    if (!infoOnly) {
         if (!aeplay::choose_output(options.device, options.wav, options.fallbackWav, &output,
                                    &error)) {
             std::fprintf(errors, "aeplay: %s\n", error.c_str());
@@ -81,8 +81,8 @@ int main(int argc, char **argv) {
     }
 
     int status;
-    if (inspectOnly) {
-        status = aeplay::inspect(options, player, list.paths, errors);
+    if (infoOnly) {
+        status = aeplay::showInfo(options, player, list.paths, errors);
     } else {
         const bool keys = isatty(STDIN_FILENO) != 0;
         const bool statusLine = isatty(STDOUT_FILENO) != 0;
@@ -99,7 +99,7 @@ int main(int argc, char **argv) {
     // ALSA writes the final sizes into a WAV file's header.
     deinit_alsa_output();
     aeplay::finish_output(output);
-    if (!output.wavPath.empty() && !inspectOnly)
+    if (!output.wavPath.empty() && !infoOnly)
         std::printf("aeplay: wrote %s\n", output.wavPath.c_str());
     return status;
 }

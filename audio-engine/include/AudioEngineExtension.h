@@ -7,8 +7,8 @@
 // as long as the engine or player it came from; it needs no release.
 //
 // With every feature off (the default) playback is exactly as without the extension. The player
-// keeps the settings across tracks and opens, as it keeps the tempo. Like the specified
-// operations, the functions are called from the application's thread, one at a time.
+// keeps the settings across tracks and opens, as it keeps the tempo. Like the operations of the
+// interfaces, the functions are called from the application's thread, one at a time.
 #ifndef AUDIO_ENGINE_AUDIOENGINEEXTENSION_H
 #define AUDIO_ENGINE_AUDIOENGINEEXTENSION_H
 

@@ -186,8 +186,8 @@ make cover_odd_3s.mp3 -f lavfi -i "$MARKED" -i cover_odd.png -map 0:a -map 1:v \
 # syllables a second) with pauses of exactly the given lengths, over a -63 dBFS noise floor.
 # An amplitude of 0.5 is about -14 dBFS RMS; 0.75 -10 dBFS; 0.075 -30 dBFS.
 speech() {
-    awk -v spec="$1" 'BEGIN {
-        n = split(spec, seg, " "); t = 0; amp = ""
+    awk -v steps="$1" 'BEGIN {
+        n = split(steps, seg, " "); t = 0; amp = ""
         for (i = 1; i <= n; i++) {
             split(seg[i], f, ":")
             amp = amp (amp == "" ? "" : "+") sprintf("between(t\\,%g\\,%g)*%g", t, t + f[2], f[1])

@@ -1,5 +1,5 @@
 // --info and --cover.
-#include "aeplay_inspect.h"
+#include "aeplay_info.h"
 
 #include "aeplay_cover.h"
 #include "aeplay_format.h"
@@ -36,8 +36,8 @@ void print_info(IPlayer *player, const std::string &path) {
 
 } // namespace
 
-int inspect(const Options &options, IPlayer *player, const std::vector<std::string> &paths,
-            FILE *errors) {
+int showInfo(const Options &options, IPlayer *player, const std::vector<std::string> &paths,
+             FILE *errors) {
     int status = 0;
     bool coverWritten = false;
     for (const std::string &path : paths) {

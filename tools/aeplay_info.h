@@ -12,7 +12,7 @@ namespace aeplay {
 
 // Prints the tags, chapters, duration and cover size of each path (--info) and writes the
 // first cover as a PNG (--cover). Problems go to `errors`. Returns the exit status.
-int inspect(const Options &options, tavrel::utilities::IPlayer *player,
-            const std::vector<std::string> &paths, FILE *errors);
+int showInfo(const Options &options, tavrel::utilities::IPlayer *player,
+             const std::vector<std::string> &paths, FILE *errors);
 
 } // namespace aeplay
