@@ -189,18 +189,24 @@ int64_t writeOfFrame(const std::vector<vcard_write> &writes, long frame) {
     return -1;
 }
 
+// Plays `file` on a fresh card until it plays steadily (ring and device buffer full), at a
+// different point of the output's 4,608-frame (105 ms) cycle in each of the `runs` runs.
+bool playSteadily(IAudioEngine *engine, const std::string &file, int run, int runs) {
+    freshCard();
+    if (engine->openFile(file) != 0 || engine->start() != 0)
+        return false;
+    sleepMs(1500 + 105 * run / runs);
+    return true;
+}
+
 int seekBench(int runs, int targetS, const std::vector<std::string> &files) {
     IAudioEngine *engine = AudioEngine_CreateAudioEngine();
     engine->setStateChangedCb([] {});
     for (const std::string &file : files) {
         std::vector<double> ms;
         for (int r = 0; r < runs; ++r) {
-            freshCard();
-            if (engine->openFile(file) != 0 || engine->start() != 0)
+            if (!playSteadily(engine, file, r, runs))
                 break;
-            // Steady playing (ring and device buffer full), at a different point of the
-            // output's 4,608-frame (105 ms) cycle in each run.
-            sleepMs(1500 + 105 * r / runs);
             const int64_t t0 = nowNs();
             engine->seekStream(targetS * 1000);
             sleepMs(1000);
@@ -225,11 +231,8 @@ int pauseBench(int runs, const std::vector<std::string> &files) {
     for (const std::string &file : files) {
         std::vector<double> ms;
         for (int r = 0; r < runs; ++r) {
-            freshCard();
-            if (engine->openFile(file) != 0 || engine->start() != 0)
+            if (!playSteadily(engine, file, r, runs))
                 break;
-            // Steady playing, at a different point of the output's cycle in each run.
-            sleepMs(1500 + 105 * r / runs);
             const size_t before = vcard_heard_frames();
             engine->pause();
             sleepMs(1000);
