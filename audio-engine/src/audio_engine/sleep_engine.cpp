@@ -190,10 +190,10 @@ int64_t AudioEngine::outputMediaUs(const AVFrame *filtered, int index) const {
 }
 
 bool AudioEngine::chapterStopWithin(const AVFrame *filtered, int index, int *count) {
+    if (sleepTimer.mode() != AE_SLEEP_END_OF_CHAPTER)
+        return false;
     const int64_t at = outputMediaUs(filtered, index);
     if (at < 0)
-        return false;
-    if (sleepTimer.mode() != AE_SLEEP_END_OF_CHAPTER)
         return false;
     const unsigned generation = sleepTimer.generation();
     if (generation != chapterStopGeneration) {
